@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: MIT
+//
+// The whole public interface of libgui_helpers: the types library, the support library
+// and every exported class and function.
+#pragma once
+
+#include "gui_helpers_config.h"
+#include "gui_helpers_export.h"
+
+// Types library and support library
+#include "vxtypes.h"
+#include "journaller.h"
+
+// Exported classes and functions
+#include "timeconversions.h"
