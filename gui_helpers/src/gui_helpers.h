@@ -10,6 +10,7 @@
 // Types library and support library
 #include "vxtypes.h"
 #include "journaller.h"
+#include "netmanager.h"
 
 // Exported classes and functions
 #include "timeconversions.h"
