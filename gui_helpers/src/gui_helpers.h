@@ -13,4 +13,5 @@
 #include "netmanager.h"
 
 // Exported classes and functions
+#include "abstractusagestatisticssingleton.h"
 #include "timeconversions.h"

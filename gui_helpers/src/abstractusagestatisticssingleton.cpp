@@ -1,0 +1,274 @@
+// SPDX-License-Identifier: MIT
+#include "abstractusagestatisticssingleton.h"
+
+#include "journaller.h"
+#include "vxtypes.h"
+
+#include <QCoreApplication>
+#include <QDate>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QHostInfo>
+#include <QLocale>
+#include <QSettings>
+#include <QStandardPaths>
+#include <QSysInfo>
+#include <QTextStream>
+#include <QUuid>
+
+namespace
+{
+const QString GUID_REG_KEY = QStringLiteral("GUID");
+const QString SYSTEM_GUID_REG_KEY = QStringLiteral("SystemUniqueID");
+const QString USAGE_REGISTRY_GROUP = QStringLiteral("UsageStatistics");
+const QString DELETE_LOGS_REG_KEY = QStringLiteral("DeleteLogFiles");
+const QString ALLOW_USAGE_FOR_USERS_REG_KEY = QStringLiteral("AllowUsageLogsForUsers");
+const QString LAST_SENDING_REG_KEY = QStringLiteral("UsageDataWasSentOn");
+const QString OVERRIDE_SERVER_ADDRESS_REG_KEY = QStringLiteral("OverrideServerAddress");
+const QString OVERRIDE_SERVER_PORT_REG_KEY = QStringLiteral("OverrideServerPort");
+const QString DEFAULT_VALUE = QStringLiteral("default");
+
+const QString LOCALE_SETTINGS_APPLICATION = QStringLiteral("Locale");
+const QString CHOSEN_LOCALE_KEY = QStringLiteral("ChosenLocale");
+const QString CLOSED_SUFFIX = QStringLiteral("_closed");
+
+// Build and source revision of the statistics format, reported in every header.
+const QString USAGE_BUILD_NUMBER = QStringLiteral("6323");
+const QString USAGE_SOURCE_REVISION = QStringLiteral("112641");
+
+// Absent keys and the empty text that allowLogFilesForUser() stores both mean "undecided".
+bool isEmptyValue(const QVariant& value)
+{
+    return value.toString().isEmpty();
+}
+} // namespace
+
+AbstractUsageStatisticsSingleton* AbstractUsageStatisticsSingleton::gAbstractUsageStatisticsSingleton = nullptr;
+
+AbstractUsageStatisticsSingleton::AbstractUsageStatisticsSingleton()
+    : QObject(nullptr)
+{
+}
+
+AbstractUsageStatisticsSingleton::~AbstractUsageStatisticsSingleton()
+{
+    if (m_logFile && m_logFile->isOpen()) {
+        m_logFile->flush();
+        m_logFile->close();
+        m_logFile.reset();
+        m_logFilePath += CLOSED_SUFFIX;
+    }
+}
+
+AbstractUsageStatisticsSingleton* AbstractUsageStatisticsSingleton::instance()
+{
+    return gAbstractUsageStatisticsSingleton;
+}
+
+void AbstractUsageStatisticsSingleton::cleanup()
+{
+    if (AbstractUsageStatisticsSingleton* doomed = gAbstractUsageStatisticsSingleton) {
+        // Forget it first so nothing reached from the destructor finds a half-destroyed instance.
+        gAbstractUsageStatisticsSingleton = nullptr;
+        delete doomed;
+    }
+}
+
+bool AbstractUsageStatisticsSingleton::firstTimeRunningUsage()
+{
+    QSettings settings;
+    settings.beginGroup(USAGE_REGISTRY_GROUP);
+    return !settings.contains(ALLOW_USAGE_FOR_USERS_REG_KEY);
+}
+
+bool AbstractUsageStatisticsSingleton::allowLogFilesForUser()
+{
+    QSettings settings;
+    settings.beginGroup(USAGE_REGISTRY_GROUP);
+    if (!settings.contains(ALLOW_USAGE_FOR_USERS_REG_KEY))
+        settings.setValue(ALLOW_USAGE_FOR_USERS_REG_KEY, QString(QLatin1String("")));
+    const QVariant stored = settings.value(ALLOW_USAGE_FOR_USERS_REG_KEY);
+    if (isEmptyValue(stored))
+        return true;
+    return stored.toBool();
+}
+
+void AbstractUsageStatisticsSingleton::setAllowLogFilesForUser(bool allow)
+{
+    {
+        QSettings settings;
+        settings.beginGroup(USAGE_REGISTRY_GROUP);
+        const QVariant stored = settings.value(ALLOW_USAGE_FOR_USERS_REG_KEY);
+        const bool previous = isEmptyValue(stored) ? !allow : stored.toBool();
+        if (previous == allow)
+            return;
+        settings.setValue(ALLOW_USAGE_FOR_USERS_REG_KEY, allow);
+    }
+    if (allow)
+        recreateLogFile();
+    else
+        closeAndRemoveCurrentLog();
+}
+
+QString AbstractUsageStatisticsSingleton::allowLogFilesForDev()
+{
+    return DEFAULT_VALUE;
+}
+
+void AbstractUsageStatisticsSingleton::setAllowLogFilesForDevToDefault()
+{
+}
+
+bool AbstractUsageStatisticsSingleton::allowedToDeleteLogFiles()
+{
+    QSettings settings;
+    settings.beginGroup(USAGE_REGISTRY_GROUP);
+    const QVariant stored = settings.value(DELETE_LOGS_REG_KEY);
+    if (isEmptyValue(stored))
+        return true;
+    return stored.toBool();
+}
+
+void AbstractUsageStatisticsSingleton::createLogFile()
+{
+    const QString LOG_FILE_EXTENSION = QStringLiteral(".log");
+    const QString VELTRAX_GUID_PREFIX = QStringLiteral("veltrax");
+
+    m_onceLogged.clear();
+    allowLogFilesForDev();
+    if (!allowLogFilesForUser())
+        return;
+
+    const QString organization = QCoreApplication::organizationName();
+    QString id;
+    {
+        QSettings guidSettings(organization, GUID_REG_KEY);
+        id = guidSettings.value(SYSTEM_GUID_REG_KEY).toString();
+        if (id.isEmpty()) {
+            // Machines on our own network are recognisable by name on purpose.
+            if (QHostInfo::localDomainName().contains(VELTRAX_GUID_PREFIX, Qt::CaseInsensitive))
+                id = VELTRAX_GUID_PREFIX + QLatin1Char('_') + QHostInfo::localHostName();
+            else
+                id = QUuid::createUuid().toString();
+            if (id.contains(QLatin1Char('{')) && id.contains(QLatin1Char('}'))) {
+                id.remove(QLatin1Char('{'));
+                id.remove(QLatin1Char('}'));
+            }
+            guidSettings.setValue(SYSTEM_GUID_REG_KEY, id);
+        }
+    }
+
+    m_logDirectory = QStandardPaths::writableLocation(QStandardPaths::DataLocation) + QDir::separator() + QStringLiteral("UsageLogs") + QDir::separator();
+    m_logFilePath = m_logDirectory + logFilePrefix() + id + QLatin1Char('_') + QString::number(VxTimeStamp_now()) + LOG_FILE_EXTENSION;
+
+    QDir dir(m_logDirectory);
+    if (!dir.exists())
+        dir.mkpath(QStringLiteral("."));
+
+    // Replacing the QFile closes a log a caller left open; the file itself stays on disk.
+    m_logFile = std::make_unique<QFile>(m_logFilePath);
+    m_logFile->open(QIODevice::WriteOnly | QIODevice::Truncate);
+    if (!m_logFile->isOpen())
+        return;
+
+    QString language = QStringLiteral("en");
+    {
+        const QSettings localeSettings(organization, LOCALE_SETTINGS_APPLICATION);
+        if (localeSettings.contains(CHOSEN_LOCALE_KEY))
+            language = localeSettings.value(CHOSEN_LOCALE_KEY).toString();
+    }
+    const QLocale english(QLocale::English, QLocale::LatinScript, QLocale::AnyCountry);
+
+    QTextStream stream(m_logFile.get());
+    // The same bytes whatever the user's locale, so the server can read every log alike.
+    stream.setCodec("UTF-8");
+    stream << QStringLiteral("Version %1 build %2, rev %3. %4 bit")
+                  .arg(QCoreApplication::applicationVersion(), USAGE_BUILD_NUMBER, USAGE_SOURCE_REVISION, QStringLiteral("64"))
+           << "\n";
+    stream << "AnonRefID: " << id << "\n";
+    stream << QStringLiteral("OS: %1 %2").arg(QSysInfo::productType(), QSysInfo::productVersion()) << "\n";
+    const QString extra = extraHeaderText();
+    if (!extra.isEmpty())
+        stream << extra << "\n";
+    stream << "Date: " << english.toString(QDate::currentDate(), QStringLiteral("yyyy-MM-dd")) << "\n";
+    stream << QStringLiteral("Language: %1").arg(language) << "\n\n";
+    stream << "Events:\n";
+    stream.flush();
+    if (stream.status() == QTextStream::WriteFailed)
+        closeAndRemoveCurrentLog();
+}
+
+void AbstractUsageStatisticsSingleton::recreateLogFile()
+{
+    createLogFile();
+    logUseEvent(openingEvent(), true);
+}
+
+template <> void AbstractUsageStatisticsSingleton::logUseEvent<QString>(QString event, bool once)
+{
+    if (once) {
+        if (m_onceLogged.contains(event))
+            return;
+        m_onceLogged.insert(event);
+    }
+
+    JLOG_AS(JLL_WRITE, "logUseEvent<QString>", event);
+
+    if (!m_logFile || !m_logFile->isOpen())
+        return;
+
+    QTextStream::Status status;
+    {
+        QTextStream stream(m_logFile.get());
+        stream.setCodec("UTF-8");
+        stream << QString::number(VxTimeStamp_now()) << ' ' << event << "\n";
+        stream.flush();
+        status = stream.status();
+    }
+    if (status == QTextStream::WriteFailed) {
+        closeAndRemoveCurrentLog();
+        return;
+    }
+    if (event == closingEvent())
+        closeLogAfterLastEvent();
+}
+
+void AbstractUsageStatisticsSingleton::closeLogAfterLastEvent()
+{
+    m_logFile->close();
+    m_logFile.reset();
+    // Only the remembered path changes: no file matches it any more, so removeLogFiles()
+    // and sending treat this run's log like those of earlier runs.
+    m_logFilePath += CLOSED_SUFFIX;
+}
+
+void AbstractUsageStatisticsSingleton::closeAndRemoveCurrentLog()
+{
+    if (!m_logFile || !m_logFile->isOpen())
+        return;
+    m_logFile->close();
+    if (m_logFile->remove())
+        m_logFile.reset();
+}
+
+void AbstractUsageStatisticsSingleton::removeLogFiles()
+{
+    if (!allowedToDeleteLogFiles())
+        return;
+    // Without a log there is no directory to look in (and an empty path would mean the
+    // working directory).
+    if (m_logFilePath.isEmpty())
+        return;
+
+    const QFileInfo current(m_logFilePath);
+    const QString currentName = current.fileName();
+    const QString prefix = logFilePrefix();
+    const QDir dir(current.absolutePath());
+    const QStringList entries = dir.entryList(QDir::Files | QDir::NoDotAndDotDot, QDir::Unsorted);
+    for (const QString& entry : entries) {
+        const QString fullName = dir.path() + QDir::separator() + entry;
+        if (fullName.contains(prefix) && !fullName.contains(currentName))
+            QFile::remove(fullName);
+    }
+}

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: MIT
+//
+// Anonymous usage statistics: the user's consent, one plain-text log of use events per run
+// of the application, and the daily hand-over of finished logs to the update server.
+#pragma once
+
+#include "gui_helpers_export.h"
+
+#include <QObject>
+#include <QSet>
+#include <QString>
+
+#include <atomic>
+#include <memory>
+
+class QFile;
+
+/**
+ * Base class through which a host application records anonymous use events.
+ *
+ * Each run writes one log file, "<prefix><anonymous ID>_<milliseconds>.log", in the
+ * directory "UsageLogs" under the application's data location. It starts with a header
+ * (application version, anonymous ID, operating system, optional extra text, date,
+ * language) followed by "Events:" and one line per event: the time stamp in milliseconds
+ * since the epoch, a space and the event text. Files are written in UTF-8.
+ *
+ * The host derives from this class, supplies the four texts, creates the one instance and
+ * stores it in gAbstractUsageStatisticsSingleton. At start it calls recreateLogFile(), then
+ * logUseEvent() for each use, startSendingUsageData() when it wants to send, and at the end
+ * logUseEvent(closingEvent()) and cleanup().
+ *
+ * Consent and the other choices live in the application's QSettings, group
+ * "UsageStatistics"; the anonymous ID is shared by all applications of the organisation
+ * (settings application "GUID", key "SystemUniqueID"), and the header's language is the
+ * organisation's "Locale"/"ChosenLocale" setting. All calls belong on the GUI thread.
+ */
+class GUI_HELPERS_EXPORT AbstractUsageStatisticsSingleton : public QObject
+{
+    Q_OBJECT
+public:
+    /** Neither creates a log nor reads settings. */
+    AbstractUsageStatisticsSingleton();
+    /** Ends any server connection without waiting, then closes the log of this run. */
+    ~AbstractUsageStatisticsSingleton() override;
+
+    /** Text in front of the anonymous ID in each log name; also selects this application's logs among others. */
+    virtual QString logFilePrefix() = 0;
+    /** Logged once each time a log is (re)created. */
+    virtual QString openingEvent() = 0;
+    /** Logging this event ends the log of this run. */
+    virtual QString closingEvent() = 0;
+    /** Extra header line; empty for none. */
+    virtual QString extraHeaderText() = 0;
+
+    /** The instance the host stored in gAbstractUsageStatisticsSingleton (null when none). */
+    static AbstractUsageStatisticsSingleton* instance();
+    /** Forgets the stored instance first, then deletes it. */
+    static void cleanup();
+
+    /** True while the user has never been asked: no consent key at all. Writes nothing. */
+    bool firstTimeRunningUsage();
+    /**
+     * The user's consent. Undecided counts as consent; the first call stores an empty value,
+     * so firstTimeRunningUsage() is false from then on although the user has not decided.
+     */
+    bool allowLogFilesForUser();
+    /**
+     * Stores the user's decision when it differs from the previous one (an undecided user
+     * counts as having decided the opposite, so a first decision is always stored).
+     * Granting starts a new log with the opening event; withdrawing closes and deletes the
+     * log of this run.
+     */
+    void setAllowLogFilesForUser(bool allow);
+    /** The developer switch has no effect in this library: always "default". */
+    QString allowLogFilesForDev();
+    /** Does nothing (see allowLogFilesForDev()). */
+    void setAllowLogFilesForDevToDefault();
+    /** May sent logs be deleted ("DeleteLogFiles"; absent or empty means yes). Writes nothing. */
+    bool allowedToDeleteLogFiles();
+
+    /**
+     * Starts the log of this run, without the opening event (see recreateLogFile()). Without
+     * consent nothing happens. A log still open from before is closed (not deleted) first.
+     * A directory or file that cannot be made, or a header that cannot be written, leaves
+     * no log; events are then silently dropped.
+     */
+    void createLogFile();
+    /** createLogFile(), then the opening event once. */
+    void recreateLogFile();
+
+    /**
+     * Journals "logUseEvent<QString> <event>" at JLL_WRITE and appends an event line to the
+     * log. With @p once set an event already logged since the log was created is skipped.
+     * The closing event ends the log: the file is closed and becomes one of the finished logs
+     * that removeLogFiles() deletes and sending hands over. A failed write deletes the log.
+     * Only the QString form exists.
+     */
+    template <typename T> void logUseEvent(T event, bool once = false);
+
+    /** Closes the log of this run and deletes it from disk. A log that is not open is left alone. */
+    void closeAndRemoveCurrentLog();
+    /**
+     * Deletes this application's finished logs (names containing logFilePrefix(),
+     * case-sensitive) from the log directory, unless "DeleteLogFiles" forbids it. The log
+     * being written is never deleted; other files are left alone. Failures are ignored.
+     */
+    void removeLogFiles();
+
+    /** Full path of the current log; ends in "_closed" once that log was closed (the file keeps its name). Empty before the first log. */
+    QString logFilePath() const { return m_logFilePath; }
+    /** Directory of the logs, ending in a separator; empty before the first log. */
+    QString logDirectory() const { return m_logDirectory; }
+
+    /** The host's instance; nothing in this class sets it. */
+    static AbstractUsageStatisticsSingleton* gAbstractUsageStatisticsSingleton;
+
+private:
+    Q_DISABLE_COPY(AbstractUsageStatisticsSingleton)
+
+    void closeLogAfterLastEvent();
+
+    std::unique_ptr<QFile> m_logFile;
+    QString m_logFilePath;
+    QString m_logDirectory;
+    QSet<QString> m_onceLogged;
+    std::atomic<bool> m_replyHandled {true};
+};
+
+template <> GUI_HELPERS_EXPORT void AbstractUsageStatisticsSingleton::logUseEvent<QString>(QString event, bool once);
