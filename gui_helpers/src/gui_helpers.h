@@ -13,5 +13,6 @@
 #include "netmanager.h"
 
 // Exported classes and functions
+#include "aboutbox.h"
 #include "abstractusagestatisticssingleton.h"
 #include "timeconversions.h"
