@@ -15,6 +15,8 @@ if(NOT EXISTS "${PREFIX}/include/gui_helpers/gui_helpers.h")
     message(FATAL_ERROR "umbrella header not installed")
 endif()
 run(${CMAKE_COMMAND} -S "${CONSUMER_SOURCE}" -B "${CONSUMER_BUILD}" -G "${GENERATOR}"
-    "-DCMAKE_PREFIX_PATH=${PREFIX}" -DCMAKE_BUILD_TYPE=Release)
+    "-DCMAKE_PREFIX_PATH=${PREFIX}" -DCMAKE_BUILD_TYPE=Release
+    # A sanitizer build's libraries need their runtime linked into the host as well.
+    "-DCMAKE_EXE_LINKER_FLAGS=${CONSUMER_LINKER_FLAGS}")
 run(${CMAKE_COMMAND} --build "${CONSUMER_BUILD}")
 run("${CONSUMER_BUILD}/consumer")
