@@ -69,7 +69,8 @@ private:
     VxFile m_file;
     VxString m_name;
     std::atomic<int> m_refCount{1};
-    bool m_good = true;
+    // Journals that share this file (moveLogs) write under different locks.
+    std::atomic<bool> m_good{true};
 };
 
 /** Per-thread line buffers, all under one mutex. */
