@@ -15,4 +15,5 @@
 // Exported classes and functions
 #include "aboutbox.h"
 #include "abstractusagestatisticssingleton.h"
+#include "filepathvalidator.h"
 #include "timeconversions.h"

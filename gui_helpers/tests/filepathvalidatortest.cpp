@@ -1,0 +1,439 @@
+// SPDX-License-Identifier: MIT
+#include "filepathvalidator.h"
+
+#include <QLineEdit>
+#include <QSignalSpy>
+#include <QTest>
+
+namespace
+{
+const QString prefix = QStringLiteral("\\\\?\\");
+
+QString repeated(char c, int count)
+{
+    return QString(count, QLatin1Char(c));
+}
+
+// Runs repairing passes until the text is valid; the bound keeps a regression from hanging.
+int passesToValid(QString& text, bool asName, int bound)
+{
+    for (int pass = 0; pass < bound; ++pass) {
+        const int result = asName ? FilePathValidator::validateFileName(text) : FilePathValidator::validateFilePath(text);
+        if (result == 1)
+            return pass;
+        QString output;
+        if (asName)
+            FilePathValidator::validateFileName(text, output);
+        else
+            FilePathValidator::validateFilePath(text, output);
+        text = output;
+    }
+    return -1;
+}
+} // namespace
+
+class FilePathValidatorTest : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void tablesHoldExactlyTheFixedEntries()
+    {
+        const QSet<QString> words {"con",
+            "prn",
+            "clock$",
+            "nul",
+            "com1",
+            "com2",
+            "com3",
+            "com4",
+            "com5",
+            "com6",
+            "com7",
+            "com8",
+            "com9",
+            "lpt1",
+            "lpt2",
+            "lpt3",
+            "lpt4",
+            "lpt5",
+            "lpt6",
+            "lpt7",
+            "lpt8",
+            "lpt9"};
+        QCOMPARE(FilePathValidator::getReservedWords(), words);
+        const QSet<QChar> characters {'*', ':', '<', '>', '?', '|', '"', '%', '\t', '\n'};
+        QCOMPARE(FilePathValidator::getReservedCharacters(), characters);
+        QCOMPARE(FilePathValidator::getIllegalEndings(), (QSet<QChar> {' ', '.', '\t', '\n'}));
+        QCOMPARE(FilePathValidator::getPathSeparators(), (QSet<QChar> {'\\', '/'}));
+        QCOMPARE(FilePathValidator::getDefaultFixCharacter(), QChar('_'));
+        QCOMPARE(FilePathValidator::getMaximumFilePathLength(), 259);
+        QCOMPARE(FilePathValidator::getLongPathPrefix(), prefix);
+        QCOMPARE(prefix.size(), 4);
+    }
+
+    // One pass of the full check: its result, and what a repairing pass makes of the text.
+    void fullCheckAndOneRepair_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<bool>("asName");
+        QTest::addColumn<int>("result");
+        QTest::addColumn<QString>("repaired");
+
+        QTest::newRow("empty path") << QString() << false << -1 << "_";
+        QTest::newRow("empty name") << QString() << true << -1 << "_";
+        QTest::newRow("plain name") << "report.txt" << true << 1 << "report.txt";
+        QTest::newRow("absolute unix path") << "/home/user/report.txt" << false << 1 << "/home/user/report.txt";
+        QTest::newRow("drive path") << "C:\\data\\x.txt" << false << 1 << "C:\\data\\x.txt";
+        QTest::newRow("drive path as name") << "C:\\data\\x.txt" << true << 0 << "C:_data_x.txt";
+        QTest::newRow("slash in name") << "a/b" << true << 0 << "a_b";
+        QTest::newRow("bare drive") << "C:" << false << 1 << "C:";
+        QTest::newRow("colon after drive") << "C:\\a:b" << false << 0 << "C:\\a_b";
+        QTest::newRow("digit is no drive") << "1:\\x" << false << 0 << "1_\\x";
+        QTest::newRow("non-ASCII letter drive") << QString::fromUtf8("É:\\x") << false << 1 << QString::fromUtf8("É:\\x");
+        QTest::newRow("non-ASCII symbol is no drive") << QString::fromUtf8("€:x") << false << 0 << QString::fromUtf8("€_x");
+
+        QTest::newRow("259 characters") << repeated('a', 259) << false << 1 << repeated('a', 259);
+        QTest::newRow("260 characters") << repeated('a', 260) << false << 0 << prefix + repeated('a', 260);
+        QTest::newRow("260 character name") << repeated('a', 260) << true << 0 << prefix + repeated('a', 260);
+        QTest::newRow("260 characters prefixed") << prefix + repeated('a', 260) << false << 1 << prefix + repeated('a', 260);
+        QTest::newRow("259 after prefix") << prefix + repeated('a', 259) << false << 1 << prefix + repeated('a', 259);
+        QTest::newRow("prefix alone") << prefix << false << -1 << prefix + "_";
+        QTest::newRow("prefix with slashes is no prefix") << "//?/x" << false << 0 << "//_/x";
+        QTest::newRow("too long and a star") << repeated('a', 299) + "*" << false << 0 << prefix + repeated('a', 299) + "_";
+        QTest::newRow("too long and a reserved word") << repeated('d', 300) + "/con" << false << -1 << prefix + repeated('d', 300) + "/___";
+
+        QTest::newRow("con") << "con" << true << -1 << "___";
+        QTest::newRow("CON") << "CON" << true << -1 << "___";
+        QTest::newRow("Com1.txt") << "Com1.txt" << true << -1 << "____.txt";
+        QTest::newRow("lpt9.log") << "lpt9.log" << true << -1 << "____.log";
+        QTest::newRow("CLOCK$") << "CLOCK$" << true << -1 << "______";
+        QTest::newRow("nul in a directory") << "dir/nul.txt" << false << -1 << "dir/___.txt";
+        QTest::newRow("prn after a drive") << "C:prn" << false << -1 << "C:___";
+        QTest::newRow("prefixed reserved word") << prefix + "aux\\con" << false << -1 << prefix + "aux\\___";
+        QTest::newRow("lpt10") << "lpt10" << true << 1 << "lpt10";
+        QTest::newRow("aux") << "aux" << true << 1 << "aux";
+        QTest::newRow("com0") << "com0" << true << 1 << "com0";
+        QTest::newRow("only the last extension goes") << "con.tar.gz" << true << 1 << "con.tar.gz";
+        QTest::newRow("reserved word inside a name") << "icon.png" << true << 1 << "icon.png";
+
+        QTest::newRow("star") << "a*b" << true << 0 << "a_b";
+        QTest::newRow("several stars") << "*a*b*" << true << 0 << "_a_b_";
+        QTest::newRow("mixed reserved characters") << "a?b<c>" << false << 0 << "a_b_c_";
+        QTest::newRow("percent") << "100%" << true << 0 << "100_";
+        QTest::newRow("characters beyond Latin-1") << QString::fromUtf8("日本語.txt") << true << 1 << QString::fromUtf8("日本語.txt");
+        // The low byte of U+012A is '*': only characters below 256 may offend.
+        QTest::newRow("U+012A is no star") << QString(QChar(0x012A)) + "x" << true << 1 << QString(QChar(0x012A)) + "x";
+
+        QTest::newRow("trailing dot") << "name." << true << -1 << "name";
+        QTest::newRow("trailing space") << "name " << true << -1 << "name";
+        QTest::newRow("dot space dot") << "name. ." << true << -1 << "name";
+        QTest::newRow("only dots") << "..." << true << -1 << "";
+        QTest::newRow("trailing slash in path") << "dir/" << false << 1 << "dir/";
+        // Tab and line feed are reserved characters first, so they never get as far as the ending.
+        QTest::newRow("trailing tab") << "name\t" << true << 0 << "name_";
+        QTest::newRow("trailing line feed") << "name\n" << true << 0 << "name_";
+        QTest::newRow("dot inside") << "a.b" << true << 1 << "a.b";
+    }
+    void fullCheckAndOneRepair()
+    {
+        QFETCH(QString, text);
+        QFETCH(bool, asName);
+        QFETCH(int, result);
+        QFETCH(QString, repaired);
+
+        QCOMPARE(asName ? FilePathValidator::validateFileName(text) : FilePathValidator::validateFilePath(text), result);
+
+        QString output = QStringLiteral("stale");
+        const int fixResult = asName ? FilePathValidator::validateFileName(text, output) : FilePathValidator::validateFilePath(text, output);
+        QCOMPARE(fixResult, result);
+        QCOMPARE(output, repaired);
+
+        // Without repair the output is the text itself.
+        QString untouched;
+        FilePathValidator::validateFilePath(text, false, QLatin1Char('_'), untouched, !asName);
+        QCOMPARE(untouched, text);
+    }
+
+    void everyReservedCharacterIsRepaired_data()
+    {
+        QTest::addColumn<QChar>("character");
+        QTest::newRow("asterisk") << QChar('*');
+        QTest::newRow("colon") << QChar(':');
+        QTest::newRow("less-than") << QChar('<');
+        QTest::newRow("greater-than") << QChar('>');
+        QTest::newRow("question mark") << QChar('?');
+        QTest::newRow("vertical bar") << QChar('|');
+        QTest::newRow("double quote") << QChar('"');
+        QTest::newRow("percent sign") << QChar('%');
+        QTest::newRow("tab") << QChar('\t');
+        QTest::newRow("line feed") << QChar('\n');
+    }
+    void everyReservedCharacterIsRepaired()
+    {
+        QFETCH(QChar, character);
+        const QString text = QStringLiteral("ab") + character + "cd" + character;
+        QString output;
+        QCOMPARE(FilePathValidator::validateFilePath(text), 0);
+        QCOMPARE(FilePathValidator::validateFileName(text, output, QLatin1Char('-')), 0);
+        QCOMPARE(output, QStringLiteral("ab-cd-"));
+        QCOMPARE(FilePathValidator::containsIllegalCharacter(text), std::make_pair(character, true));
+    }
+
+    void illegalCharacterReportsFirstOrLastOffender()
+    {
+        QString output;
+        QCOMPARE(FilePathValidator::containsIllegalCharacter("a?b/c*d", false), std::make_pair(QChar('?'), true));
+        QCOMPARE(FilePathValidator::containsIllegalCharacter("a?b/c*d", true, QLatin1Char('_'), output, false), std::make_pair(QChar('*'), true));
+        QCOMPARE(output, QStringLiteral("a_b_c_d"));
+        QCOMPARE(FilePathValidator::containsIllegalCharacter("a?b/c*d", true, QLatin1Char('_'), output, true), std::make_pair(QChar('*'), true));
+        QCOMPARE(output, QStringLiteral("a_b/c_d"));
+        QCOMPARE(FilePathValidator::containsIllegalCharacter("a/b\\c", true).second, false);
+        QCOMPARE(FilePathValidator::containsIllegalCharacter("a/b\\c", false), std::make_pair(QChar('/'), true));
+        QCOMPARE(FilePathValidator::containsIllegalCharacter(QString()).second, false);
+    }
+
+    void driveLetterIsCutOff_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("rest");
+        QTest::newRow("upper-case drive") << "C:\\x"
+                                          << "\\x";
+        QTest::newRow("lower-case drive") << "z:/x"
+                                          << "/x";
+        QTest::newRow("drive alone") << "c:"
+                                     << "";
+        QTest::newRow("one letter") << "C"
+                                    << "C";
+        QTest::newRow("empty") << ""
+                               << "";
+        QTest::newRow("digit") << "1:x"
+                               << "1:x";
+        QTest::newRow("leading colon") << ":x"
+                                       << ":x";
+        QTest::newRow("non-ASCII letter") << QString::fromUtf8("é:x") << "x";
+        QTest::newRow("non-ASCII symbol") << QString::fromUtf8("€:x") << QString::fromUtf8("€:x");
+        QTest::newRow("colon third") << "ab:x"
+                                     << "ab:x";
+    }
+    void driveLetterIsCutOff()
+    {
+        QFETCH(QString, text);
+        QFETCH(QString, rest);
+        QCOMPARE(FilePathValidator::afterDriveSpecification(text), rest);
+    }
+
+    void filenameWithoutExtension_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("baseName");
+        QTest::newRow("last extension only") << "a.b.c"
+                                             << "a.b";
+        QTest::newRow("unix directory") << "/dir/name.txt"
+                                        << "name";
+        QTest::newRow("windows directory") << "C:\\dir\\name.txt"
+                                           << "name";
+        QTest::newRow("drive-relative") << "C:name.txt"
+                                        << "name";
+        QTest::newRow("hidden file") << ".bashrc"
+                                     << "";
+        QTest::newRow("dot in directory only") << "dir.d/file"
+                                               << "file";
+        QTest::newRow("trailing separator") << "dir/"
+                                            << "";
+        QTest::newRow("no extension") << "README"
+                                      << "README";
+    }
+    void filenameWithoutExtension()
+    {
+        QFETCH(QString, path);
+        QFETCH(QString, baseName);
+        QCOMPARE(FilePathValidator::selectFilenameWithoutExtension(path), baseName);
+    }
+
+    // Each pass repairs one fault, so the number of passes counts the faults that stop the check.
+    void repeatedRepairReachesValid_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<bool>("asName");
+        QTest::addColumn<int>("passes");
+        QTest::addColumn<QString>("valid");
+        QTest::newRow("star and trailing dot") << "a*b." << true << 2 << "a_b";
+        QTest::newRow("reserved word and trailing space") << "COM1.txt " << true << 2 << "____.txt";
+        QTest::newRow("reserved word with trailing dot") << "con." << true << 2 << "___";
+        QTest::newRow("only spaces") << "   " << true << 2 << "_";
+        QTest::newRow("long, star and dot") << repeated('a', 300) + "*." << false << 2 << prefix + repeated('a', 300) + "_";
+        QTest::newRow("long with trailing dot") << repeated('a', 300) + "." << false << 1 << prefix + repeated('a', 300);
+        // The reserved word stops the check before the separators are looked at.
+        QTest::newRow("reserved word behind separators in name") << "C:\\x\\nul" << true << 2 << "C:_x____";
+    }
+    void repeatedRepairReachesValid()
+    {
+        QFETCH(QString, text);
+        QFETCH(bool, asName);
+        QFETCH(int, passes);
+        QFETCH(QString, valid);
+        QCOMPARE(passesToValid(text, asName, 10), passes);
+        QCOMPARE(text, valid);
+    }
+
+    void sameStringAsInputAndOutput()
+    {
+        QString text = QStringLiteral("con.txt");
+        QCOMPARE(FilePathValidator::validateFileName(text, text), -1);
+        QCOMPARE(text, QStringLiteral("___.txt"));
+        text = QStringLiteral("a*b");
+        QCOMPARE(FilePathValidator::containsIllegalCharacter(text, true, QLatin1Char('_'), text, true).second, true);
+        QCOMPARE(text, QStringLiteral("a_b"));
+        text = QStringLiteral("a. ");
+        QVERIFY(FilePathValidator::hasIllegalEnding(text, true, text));
+        QCOMPARE(text, QStringLiteral("a"));
+        text = prefix + repeated('x', 300);
+        QCOMPARE(FilePathValidator::validateFilePath(text, text), 1);
+        QCOMPARE(text, prefix + repeated('x', 300));
+    }
+
+    void hugeTextsStayBoundedAndRepairable()
+    {
+        const int size = 1 << 20;
+        QString allReserved;
+        allReserved.reserve(size);
+        const QString table = QStringLiteral("*:<>?|\"%\t\n");
+        for (int i = 0; i < size; ++i)
+            allReserved.append(table.at(i % table.size()));
+
+        QString output;
+        QCOMPARE(FilePathValidator::validateFileName(allReserved), 0);
+        QCOMPARE(FilePathValidator::validateFileName(allReserved, output), 0);
+        QCOMPARE(output, prefix + QString(size, QLatin1Char('_')));
+
+        QString text = allReserved;
+        QCOMPARE(passesToValid(text, true, 10), 1);
+
+        text = QStringLiteral("con") + QString(size, QLatin1Char('.'));
+        QCOMPARE(passesToValid(text, false, 10), 2);
+        QCOMPARE(text, prefix + "___");
+    }
+
+    // A harmful fix character can never make progress: a bounded caller must still stop.
+    void harmfulFixCharacterMakesNoProgress()
+    {
+        QString output;
+        QCOMPARE(FilePathValidator::validateFileName("a*b", output, QLatin1Char('*')), 0);
+        QCOMPARE(output, QStringLiteral("a*b"));
+        QCOMPARE(FilePathValidator::validateFileName("", output, QLatin1Char('.')), -1);
+        QCOMPARE(FilePathValidator::validateFileName(output), -1);
+    }
+
+    void validatorStates_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<int>("pathState");
+        QTest::addColumn<int>("nameState");
+        QTest::newRow("empty") << "" << int(QValidator::Intermediate) << int(QValidator::Intermediate);
+        QTest::newRow("name") << "data.csv" << int(QValidator::Acceptable) << int(QValidator::Acceptable);
+        QTest::newRow("path") << "/tmp/data.csv" << int(QValidator::Acceptable) << int(QValidator::Invalid);
+        QTest::newRow("reserved word") << "LPT1" << int(QValidator::Intermediate) << int(QValidator::Intermediate);
+        QTest::newRow("trailing dot") << "data." << int(QValidator::Intermediate) << int(QValidator::Intermediate);
+        QTest::newRow("pipe") << "a|b" << int(QValidator::Invalid) << int(QValidator::Invalid);
+        QTest::newRow("too long") << repeated('a', 260) << int(QValidator::Invalid) << int(QValidator::Invalid);
+    }
+    void validatorStates()
+    {
+        QFETCH(QString, text);
+        QFETCH(int, pathState);
+        QFETCH(int, nameState);
+        QFilePathValidator pathValidator(nullptr);
+        QFileNameValidator nameValidator(nullptr);
+        int position = 0;
+        QString input = text;
+        QCOMPARE(int(pathValidator.validate(input, position)), pathState);
+        QCOMPARE(int(nameValidator.validate(input, position)), nameState);
+        QCOMPARE(input, text);
+    }
+
+    // What a user sees: keystrokes that would make the text invalid are refused.
+    void lineEditRefusesInvalidKeystrokes_data()
+    {
+        QTest::addColumn<bool>("asName");
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QString>("shown");
+        QTest::addColumn<bool>("acceptable");
+        QTest::newRow("name") << true << "report.txt"
+                              << "report.txt" << true;
+        QTest::newRow("stars refused") << true << "a*b*"
+                                       << "ab" << true;
+        QTest::newRow("slash refused in name") << true << "dir/x"
+                                               << "dirx" << true;
+        QTest::newRow("slash kept in path") << false << "dir/x"
+                                            << "dir/x" << true;
+        QTest::newRow("reserved word stays intermediate") << true << "con"
+                                                          << "con" << false;
+        QTest::newRow("trailing dot stays intermediate") << true << "name."
+                                                         << "name." << false;
+        QTest::newRow("stops at 259 characters") << false << repeated('a', 270) << repeated('a', 259) << true;
+        // The prefix cannot be typed: its '?' is refused on the way.
+        QTest::newRow("prefix cannot be typed") << false << prefix + "x"
+                                                << "\\\\\\x" << true;
+    }
+    void lineEditRefusesInvalidKeystrokes()
+    {
+        QFETCH(bool, asName);
+        QFETCH(QString, typed);
+        QFETCH(QString, shown);
+        QFETCH(bool, acceptable);
+        QLineEdit edit;
+        if (asName)
+            edit.setValidator(new QFileNameValidator(&edit));
+        else
+            edit.setValidator(new QFilePathValidator(&edit));
+        edit.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&edit));
+        QTest::keyClicks(&edit, typed);
+        QCOMPARE(edit.text(), shown);
+        QCOMPARE(edit.hasAcceptableInput(), acceptable);
+    }
+
+    // Return runs fixup() once on intermediate text; a second fault keeps the text as typed.
+    void lineEditReturnRepairsOneFault_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<QString>("after");
+        QTest::addColumn<bool>("accepted");
+        QTest::newRow("trailing dots") << "name.."
+                                       << "name" << true;
+        QTest::newRow("reserved word") << "Con.txt"
+                                       << "___.txt" << true;
+        QTest::newRow("reserved word and dot") << "con."
+                                               << "con." << false;
+    }
+    void lineEditReturnRepairsOneFault()
+    {
+        QFETCH(QString, typed);
+        QFETCH(QString, after);
+        QFETCH(bool, accepted);
+        QLineEdit edit;
+        edit.setValidator(new QFileNameValidator(&edit));
+        edit.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&edit));
+        QSignalSpy returned(&edit, &QLineEdit::returnPressed);
+        QTest::keyClicks(&edit, typed);
+        QVERIFY(!edit.hasAcceptableInput());
+        QTest::keyClick(&edit, Qt::Key_Return);
+        QCOMPARE(edit.text(), after);
+        QCOMPARE(returned.count(), accepted ? 1 : 0);
+    }
+
+    void lineEditTakesPastedLongPathOnlyWithPrefix()
+    {
+        QLineEdit edit;
+        edit.setValidator(new QFilePathValidator(&edit));
+        edit.insert(repeated('a', 300));
+        QCOMPARE(edit.text(), QString());
+        edit.insert(prefix + repeated('a', 300));
+        QCOMPARE(edit.text(), prefix + repeated('a', 300));
+        QVERIFY(edit.hasAcceptableInput());
+    }
+};
+
+QTEST_MAIN(FilePathValidatorTest)
+#include "filepathvalidatortest.moc"
