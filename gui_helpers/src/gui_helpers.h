@@ -16,4 +16,5 @@
 #include "aboutbox.h"
 #include "abstractusagestatisticssingleton.h"
 #include "filepathvalidator.h"
+#include "gridsplitter.h"
 #include "timeconversions.h"

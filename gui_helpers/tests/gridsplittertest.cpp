@@ -1,0 +1,367 @@
+// SPDX-License-Identifier: MIT
+//
+// Drives a 2 x 2 grid splitter with mouse events through the window system layer (QTest's
+// QWindow overloads), so presses, implicit grabs, enter/leave and held buttons are real.
+// The splitter sits inside a larger window so that drags can leave it on every side.
+#include "gridsplitter.h"
+
+#include <QApplication>
+#include <QGridLayout>
+#include <QTest>
+
+#include <memory>
+
+namespace
+{
+// 205 pixels: two 100-pixel cells and the 5-pixel gap between them.
+constexpr int side = 205;
+constexpr int offset = 50;
+const QPoint rowGap(50, 102);
+const QPoint columnGap(102, 50);
+const QPoint crossing(102, 102);
+const QPoint onTopLeftChild(50, 50);
+const QPoint onBottomRightChild(150, 150);
+const QPoint outside(-20, 50);
+
+struct Fixture {
+    QWidget window;
+    GridSplitter* splitter = nullptr;
+    QWidget* children[2][2] = {};
+
+    explicit Fixture(int rows = 2, int columns = 2)
+    {
+        window.resize(side + 2 * offset, side + 2 * offset);
+        splitter = new GridSplitter(&window);
+        splitter->setGeometry(offset, offset, side, side);
+        for (int r = 0; r < rows; ++r) {
+            for (int c = 0; c < columns; ++c) {
+                auto* child = new QWidget;
+                child->setObjectName(QStringLiteral("child%1%2").arg(r).arg(c));
+                child->setAutoFillBackground(true);
+                QPalette palette = child->palette();
+                palette.setColor(QPalette::Window, QColor::fromHsv(60 * (2 * r + c), 120, 230));
+                child->setPalette(palette);
+                splitter->grid()->addWidget(child, r, c);
+                children[r][c] = child;
+            }
+        }
+        splitter->resetGrid(-1, -1);
+        window.show();
+    }
+
+    QWindow* handle() const { return window.windowHandle(); }
+    QPoint toWindow(QPoint p) const { return p + QPoint(offset, offset); }
+    void press(QPoint p, Qt::MouseButton button = Qt::LeftButton) { QTest::mousePress(handle(), button, Qt::NoModifier, toWindow(p)); }
+    void release(QPoint p, Qt::MouseButton button = Qt::LeftButton) { QTest::mouseRelease(handle(), button, Qt::NoModifier, toWindow(p)); }
+    void move(QPoint p) { QTest::mouseMove(handle(), toWindow(p)); }
+    int rowStretch(int r) const { return splitter->grid()->rowStretch(r); }
+    int columnStretch(int c) const { return splitter->grid()->columnStretch(c); }
+    Qt::CursorShape cursor() const { return splitter->cursor().shape(); }
+};
+
+QMouseEvent moveEventAt(QPoint p)
+{
+    return QMouseEvent(QEvent::MouseMove, QPointF(p), QPointF(p), QPointF(p), Qt::NoButton, Qt::NoButton, Qt::NoModifier);
+}
+} // namespace
+
+class GridSplitterTest : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void constructionSetsUpTheGrid()
+    {
+        GridSplitter splitter(nullptr);
+        QVERIFY(splitter.grid());
+        QCOMPARE(splitter.layout(), splitter.grid());
+        QCOMPARE(splitter.grid()->horizontalSpacing(), 5);
+        QCOMPARE(splitter.grid()->verticalSpacing(), 5);
+        QCOMPARE(splitter.grid()->contentsMargins(), QMargins());
+        QVERIFY(splitter.hasMouseTracking());
+        QVERIFY(splitter.testAttribute(Qt::WA_OpaquePaintEvent));
+        QCOMPARE(splitter.defaultStretch(), 10000);
+    }
+
+    void hitTestAndHoverCursor_data()
+    {
+        QTest::addColumn<QPoint>("point");
+        QTest::addColumn<int>("row");
+        QTest::addColumn<int>("column");
+        QTest::addColumn<int>("cursor");
+        QTest::newRow("row gap") << rowGap << 0 << -1 << int(Qt::SplitVCursor);
+        QTest::newRow("column gap") << columnGap << -1 << 0 << int(Qt::SplitHCursor);
+        QTest::newRow("crossing") << crossing << 0 << 0 << int(Qt::SizeAllCursor);
+        QTest::newRow("row gap at the right") << QPoint(200, 100) << 0 << -1 << int(Qt::SplitVCursor);
+        QTest::newRow("column gap at the bottom") << QPoint(104, 204) << -1 << 0 << int(Qt::SplitHCursor);
+        QTest::newRow("on a child") << onBottomRightChild << -1 << -1 << int(Qt::ArrowCursor);
+        QTest::newRow("child's last pixel") << QPoint(99, 99) << -1 << -1 << int(Qt::ArrowCursor);
+    }
+    void hitTestAndHoverCursor()
+    {
+        QFETCH(QPoint, point);
+        QFETCH(int, row);
+        QFETCH(int, column);
+        QFETCH(int, cursor);
+        Fixture f;
+        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
+        QCOMPARE(f.splitter->grid()->cellRect(1, 1), QRect(105, 105, 100, 100));
+
+        int hitRow = 7;
+        int hitColumn = 7;
+        const QMouseEvent event = moveEventAt(point);
+        QCOMPARE(f.splitter->isEventOnSplitterBar(&event, hitRow, hitColumn), row != -1 || column != -1);
+        QCOMPARE(hitRow, row);
+        QCOMPARE(hitColumn, column);
+
+        f.move(onTopLeftChild);
+        f.move(point);
+        QCOMPARE(int(f.cursor()), cursor);
+    }
+
+    void cursorIsRestoredOnChildrenAndOnLeaving()
+    {
+        Fixture f;
+        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
+        f.move(onTopLeftChild);
+        f.move(rowGap);
+        QCOMPARE(f.cursor(), Qt::SplitVCursor);
+        // The children inherit the split cursor until the arrow is put back on entering one.
+        f.move(onBottomRightChild);
+        QCOMPARE(f.cursor(), Qt::ArrowCursor);
+        f.move(crossing);
+        QCOMPARE(f.cursor(), Qt::SizeAllCursor);
+        f.move(outside);
+        QCOMPARE(f.cursor(), Qt::ArrowCursor);
+
+        // A child that moves while the split cursor shows also restores it.
+        f.move(columnGap);
+        QCOMPARE(f.cursor(), Qt::SplitHCursor);
+        QMoveEvent moved(QPoint(1, 1), QPoint(0, 0));
+        QApplication::sendEvent(f.children[0][0], &moved);
+        QCOMPARE(f.cursor(), Qt::ArrowCursor);
+    }
+
+    void removedChildNoLongerRestoresCursor()
+    {
+        Fixture f;
+        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
+        f.move(onTopLeftChild);
+        f.move(rowGap);
+        QCOMPARE(f.cursor(), Qt::SplitVCursor);
+        std::unique_ptr<QWidget> orphan(f.children[1][1]);
+        orphan->setParent(nullptr);
+        QEvent enter(QEvent::Enter);
+        QApplication::sendEvent(orphan.get(), &enter);
+        QCOMPARE(f.cursor(), Qt::SplitVCursor);
+        QApplication::sendEvent(f.children[0][1], &enter);
+        QCOMPARE(f.cursor(), Qt::ArrowCursor);
+    }
+
+    // Dragging the row gap to a point; each pair of stretches keeps its sum of 20000.
+    void draggingRowGap_data()
+    {
+        QTest::addColumn<int>("y");
+        QTest::addColumn<int>("upper");
+        QTest::addColumn<int>("lower");
+        // (50 - 0) * 20000 / (204 - 0), in integers.
+        QTest::newRow("within range") << 50 << 4901 << 15099;
+        QTest::newRow("in the lower row") << 160 << 15686 << 4314;
+        QTest::newRow("top of the upper row") << 0 << 1 << 19999;
+        QTest::newRow("past the top") << -30 << 1 << 19999;
+        QTest::newRow("bottom of the lower row") << 204 << 19999 << 1;
+        QTest::newRow("past the bottom") << 240 << 19999 << 1;
+    }
+    void draggingRowGap()
+    {
+        QFETCH(int, y);
+        QFETCH(int, upper);
+        QFETCH(int, lower);
+        Fixture f;
+        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
+        f.press(rowGap);
+        f.move(QPoint(rowGap.x(), y));
+        QCOMPARE(f.rowStretch(0), upper);
+        QCOMPARE(f.rowStretch(1), lower);
+        QCOMPARE(f.columnStretch(0), 10000);
+        QCOMPARE(f.columnStretch(1), 10000);
+        f.release(QPoint(rowGap.x(), y));
+
+        // The layout follows the stretches: the gap ends up near where it was dropped.
+        const int expectedBottom = qBound(0, 200 * upper / 20000, 199) - 1;
+        QTRY_VERIFY(qAbs(f.splitter->grid()->cellRect(0, 0).bottom() - expectedBottom) <= 2);
+
+        // Released: moving no longer drags.
+        f.move(onBottomRightChild);
+        f.move(QPoint(rowGap.x(), 30));
+        QCOMPARE(f.rowStretch(0), upper);
+    }
+
+    void draggingColumnGap()
+    {
+        Fixture f;
+        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
+        f.press(columnGap);
+        f.move(QPoint(150, columnGap.y()));
+        QCOMPARE(f.columnStretch(0), 150 * 20000 / 204);
+        QCOMPARE(f.columnStretch(0) + f.columnStretch(1), 20000);
+        QCOMPARE(f.rowStretch(0), 10000);
+        f.move(QPoint(side + 40, columnGap.y()));
+        QCOMPARE(f.columnStretch(0), 19999);
+        QCOMPARE(f.columnStretch(1), 1);
+        f.move(QPoint(-40, columnGap.y()));
+        QCOMPARE(f.columnStretch(0), 1);
+        QCOMPARE(f.columnStretch(1), 19999);
+        f.release(QPoint(-40, columnGap.y()));
+    }
+
+    void draggingCrossingMovesBothGaps()
+    {
+        Fixture f;
+        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
+        f.press(crossing);
+        f.move(QPoint(51, 153));
+        QCOMPARE(f.columnStretch(0), 51 * 20000 / 204);
+        QCOMPARE(f.rowStretch(0), 153 * 20000 / 204);
+        QCOMPARE(f.columnStretch(0) + f.columnStretch(1), 20000);
+        QCOMPARE(f.rowStretch(0) + f.rowStretch(1), 20000);
+        f.release(QPoint(51, 153));
+    }
+
+    void pressOnChildClearsDrag()
+    {
+        Fixture f;
+        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
+        f.press(rowGap);
+        // A second button pressed over a child, the first still held. The window system
+        // first moves the mouse there (a drag step, against the old layout), then presses.
+        f.press(onBottomRightChild, Qt::RightButton);
+        const int upper = f.rowStretch(0);
+        QCOMPARE(upper, 150 * 20000 / 204);
+        f.move(QPoint(rowGap.x(), 20));
+        QCOMPARE(f.rowStretch(0), upper);
+        f.release(QPoint(rowGap.x(), 20), Qt::RightButton);
+        f.release(QPoint(rowGap.x(), 20));
+    }
+
+    void releaseAnywhereEndsDrag()
+    {
+        Fixture f;
+        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
+        f.press(columnGap);
+        // Releasing outside drags there first, like a real mouse, then ends the drag.
+        f.release(outside);
+        QCOMPARE(f.columnStretch(0), 1);
+        f.move(QPoint(30, 30));
+        f.move(QPoint(180, 30));
+        QCOMPARE(f.columnStretch(0), 1);
+        QCOMPARE(f.columnStretch(1), 19999);
+    }
+
+    void pairWithoutStretchStartsFromDefaults()
+    {
+        Fixture f;
+        f.splitter->grid()->setRowStretch(0, 0);
+        f.splitter->grid()->setRowStretch(1, 0);
+        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
+        f.press(rowGap);
+        f.move(QPoint(rowGap.x(), rowGap.y() + 1));
+        QVERIFY(f.rowStretch(0) >= 1);
+        QVERIFY(f.rowStretch(1) >= 1);
+        QCOMPARE(f.rowStretch(0) + f.rowStretch(1), 20000);
+        f.release(rowGap);
+    }
+
+    void resetGridRestoresDefaults()
+    {
+        Fixture f;
+        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
+        QGridLayout* grid = f.splitter->grid();
+        const auto scramble = [grid] {
+            grid->setRowStretch(0, 3);
+            grid->setRowStretch(1, 19997);
+            grid->setColumnStretch(0, 5);
+            grid->setColumnStretch(1, 19995);
+        };
+        scramble();
+        f.splitter->resetGrid(1, 0);
+        QCOMPARE(f.rowStretch(0), 3);
+        QCOMPARE(f.rowStretch(1), 10000);
+        QCOMPARE(f.columnStretch(0), 10000);
+        QCOMPARE(f.columnStretch(1), 19995);
+        scramble();
+        f.splitter->resetGrid(-1, -1);
+        for (int i = 0; i < 2; ++i) {
+            QCOMPARE(f.rowStretch(i), 10000);
+            QCOMPARE(f.columnStretch(i), 10000);
+        }
+    }
+
+    void removeAllChildrenKeepsWidgets()
+    {
+        Fixture f;
+        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
+        f.splitter->grid()->addWidget(new QWidget, 2, 0, 1, 2); // a span
+        f.splitter->grid()->addItem(new QSpacerItem(1, 1), 3, 1);
+        f.splitter->removeAllChildren();
+        QCOMPARE(f.splitter->grid()->count(), 0);
+        QCOMPARE(f.children[1][1]->parentWidget(), f.splitter);
+
+        int row = 7;
+        int column = 7;
+        const QMouseEvent event = moveEventAt(rowGap);
+        QVERIFY(!f.splitter->isEventOnSplitterBar(&event, row, column));
+        QCOMPARE(row, -1);
+        QCOMPARE(column, -1);
+        f.press(rowGap);
+        f.move(QPoint(rowGap.x(), 20));
+        f.release(QPoint(rowGap.x(), 20));
+        QCOMPARE(f.rowStretch(0), 10000);
+
+        // The widgets can be laid out again.
+        f.splitter->grid()->addWidget(f.children[0][0], 0, 0);
+        f.splitter->grid()->addWidget(f.children[1][0], 1, 0);
+        QCOMPARE(f.splitter->grid()->count(), 2);
+    }
+
+    void singleChildHasNoGap()
+    {
+        Fixture f(1, 1);
+        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
+        const QMouseEvent event = moveEventAt(QPoint(204, 204));
+        int row = 7;
+        int column = 7;
+        QVERIFY(!f.splitter->isEventOnSplitterBar(&event, row, column));
+        f.move(QPoint(204, 204));
+        QVERIFY(!f.splitter->testAttribute(Qt::WA_SetCursor));
+    }
+
+    void paintsOnlyInnerGapLines()
+    {
+        Fixture f;
+        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
+        const QImage image = f.splitter->grab().toImage();
+        const QString snapshotDir = qEnvironmentVariable("GUI_HELPERS_SNAPSHOT_DIR");
+        if (!snapshotDir.isEmpty())
+            image.save(snapshotDir + QStringLiteral("/gridsplitter.png"));
+
+        const QPalette palette = QApplication::palette();
+        const QRgb shadow = palette.color(palette.currentColorGroup(), QPalette::Shadow).rgb();
+        const QRgb window = palette.color(palette.currentColorGroup(), QPalette::Window).rgb();
+        QVERIFY(shadow != window);
+        // Lines sit one pixel before the second row and column: y = 104 and x = 104.
+        QCOMPARE(image.pixel(50, 104), shadow);
+        QCOMPARE(image.pixel(150, 104), shadow);
+        QCOMPARE(image.pixel(104, 50), shadow);
+        QCOMPARE(image.pixel(104, 150), shadow);
+        QCOMPARE(image.pixel(104, 104), shadow);
+        // The rest of the gaps is the window colour.
+        QCOMPARE(image.pixel(50, 101), window);
+        QCOMPARE(image.pixel(101, 50), window);
+        QCOMPARE(image.pixel(150, 100), window);
+        // Children paint themselves.
+        QCOMPARE(image.pixel(50, 50), f.children[0][0]->palette().color(QPalette::Window).rgb());
+    }
+};
+
+QTEST_MAIN(GridSplitterTest)
+#include "gridsplittertest.moc"
