@@ -17,4 +17,5 @@
 #include "abstractusagestatisticssingleton.h"
 #include "filepathvalidator.h"
 #include "gridsplitter.h"
+#include "serialports.h"
 #include "timeconversions.h"
