@@ -314,43 +314,6 @@ private Q_SLOTS:
         QCOMPARE(text, prefix + "___");
     }
 
-    // A harmful fix character can never make progress: a bounded caller must still stop.
-    void harmfulFixCharacterMakesNoProgress()
-    {
-        QString output;
-        QCOMPARE(FilePathValidator::validateFileName("a*b", output, QLatin1Char('*')), 0);
-        QCOMPARE(output, QStringLiteral("a*b"));
-        QCOMPARE(FilePathValidator::validateFileName("", output, QLatin1Char('.')), -1);
-        QCOMPARE(FilePathValidator::validateFileName(output), -1);
-    }
-
-    void validatorStates_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<int>("pathState");
-        QTest::addColumn<int>("nameState");
-        QTest::newRow("empty") << "" << int(QValidator::Intermediate) << int(QValidator::Intermediate);
-        QTest::newRow("name") << "data.csv" << int(QValidator::Acceptable) << int(QValidator::Acceptable);
-        QTest::newRow("path") << "/tmp/data.csv" << int(QValidator::Acceptable) << int(QValidator::Invalid);
-        QTest::newRow("reserved word") << "LPT1" << int(QValidator::Intermediate) << int(QValidator::Intermediate);
-        QTest::newRow("trailing dot") << "data." << int(QValidator::Intermediate) << int(QValidator::Intermediate);
-        QTest::newRow("pipe") << "a|b" << int(QValidator::Invalid) << int(QValidator::Invalid);
-        QTest::newRow("too long") << repeated('a', 260) << int(QValidator::Invalid) << int(QValidator::Invalid);
-    }
-    void validatorStates()
-    {
-        QFETCH(QString, text);
-        QFETCH(int, pathState);
-        QFETCH(int, nameState);
-        QFilePathValidator pathValidator(nullptr);
-        QFileNameValidator nameValidator(nullptr);
-        int position = 0;
-        QString input = text;
-        QCOMPARE(int(pathValidator.validate(input, position)), pathState);
-        QCOMPARE(int(nameValidator.validate(input, position)), nameState);
-        QCOMPARE(input, text);
-    }
-
     // What a user sees: keystrokes that would make the text invalid are refused.
     void lineEditRefusesInvalidKeystrokes_data()
     {

@@ -69,19 +69,6 @@ class GridSplitterTest : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void constructionSetsUpTheGrid()
-    {
-        GridSplitter splitter(nullptr);
-        QVERIFY(splitter.grid());
-        QCOMPARE(splitter.layout(), splitter.grid());
-        QCOMPARE(splitter.grid()->horizontalSpacing(), 5);
-        QCOMPARE(splitter.grid()->verticalSpacing(), 5);
-        QCOMPARE(splitter.grid()->contentsMargins(), QMargins());
-        QVERIFY(splitter.hasMouseTracking());
-        QVERIFY(splitter.testAttribute(Qt::WA_OpaquePaintEvent));
-        QCOMPARE(splitter.defaultStretch(), 10000);
-    }
-
     void hitTestAndHoverCursor_data()
     {
         QTest::addColumn<QPoint>("point");
@@ -321,18 +308,6 @@ private Q_SLOTS:
         f.splitter->grid()->addWidget(f.children[0][0], 0, 0);
         f.splitter->grid()->addWidget(f.children[1][0], 1, 0);
         QCOMPARE(f.splitter->grid()->count(), 2);
-    }
-
-    void singleChildHasNoGap()
-    {
-        Fixture f(1, 1);
-        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        const QMouseEvent event = moveEventAt(QPoint(204, 204));
-        int row = 7;
-        int column = 7;
-        QVERIFY(!f.splitter->isEventOnSplitterBar(&event, row, column));
-        f.move(QPoint(204, 204));
-        QVERIFY(!f.splitter->testAttribute(Qt::WA_SetCursor));
     }
 
     void paintsOnlyInnerGapLines()

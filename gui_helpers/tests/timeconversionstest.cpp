@@ -5,7 +5,8 @@
 #include <QRegularExpression>
 #include <QTest>
 
-class TimeConversionsTest : public QObject {
+class TimeConversionsTest : public QObject
+{
     Q_OBJECT
 private Q_SLOTS:
     void createQTimeIsUtcArithmetic_data()
