@@ -19,3 +19,4 @@
 #include "gridsplitter.h"
 #include "serialports.h"
 #include "timeconversions.h"
+#include "updateserverprotocol.h"
