@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: MIT
+//
+// gui_helpers_demo: a small host application that uses every part of libgui_helpers the way
+// a suite application does. See --help and the README.
+#include "demooptions.h"
+#include "demousagestatistics.h"
+#include "journaller.h"
+#include "journalview.h"
+#include "mainwindow.h"
+#include "screenshotrun.h"
+#include "watchdog.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QSocketNotifier>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace
+{
+
+int s_signalPair[2] = {-1, -1};
+
+void onSignal(int)
+{
+    const char byte = 1;
+    [[maybe_unused]] ssize_t n = ::write(s_signalPair[0], &byte, 1);
+}
+
+/** SIGINT and SIGTERM end the event loop, so the child server and the logs are cleaned up. */
+void quitOnSignals(QCoreApplication& app)
+{
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, s_signalPair) != 0)
+        return;
+    auto* notifier = new QSocketNotifier(s_signalPair[1], QSocketNotifier::Read, &app);
+    QObject::connect(notifier, &QSocketNotifier::activated, &app, [] {
+        char byte;
+        [[maybe_unused]] ssize_t n = ::read(s_signalPair[1], &byte, 1);
+        QCoreApplication::quit();
+    });
+    struct sigaction action = {};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+/** Qt's own messages go to the journal like everything else; warnings also to standard error. */
+void journalQtMessage(QtMsgType type, const QMessageLogContext&, const QString& message)
+{
+    // Harmless remarks of the offscreen platform and of a session without a runtime directory.
+    if (message.startsWith(QLatin1String("This plugin does not support")) || message.startsWith(QLatin1String("QStandardPaths: XDG_RUNTIME_DIR")))
+        return;
+    JournalLogLevel level = JLL_DEBUG;
+    switch (type) {
+    case QtDebugMsg:
+    case QtInfoMsg:
+        break;
+    case QtWarningMsg:
+        level = JLL_ALERT;
+        break;
+    case QtCriticalMsg:
+        level = JLL_ERROR;
+        break;
+    case QtFatalMsg:
+        level = JLL_FATAL;
+        break;
+    }
+    JLOG_AS(level, "qt", message);
+    if (level >= JLL_ALERT)
+        std::fprintf(stderr, "gui_helpers_demo: %s\n", qPrintable(message));
+    if (type == QtFatalMsg)
+        std::abort();
+}
+
+bool hasDisplay()
+{
+    return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
+}
+
+/** Points settings and data locations into @p directory, so a run leaves the user's own alone. */
+void useProfile(const QString& directory)
+{
+    const QDir dir(directory);
+    for (const char* name : {"config", "data", "cache"})
+        QDir().mkpath(dir.filePath(QLatin1String(name)));
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(dir.filePath(QStringLiteral("config"))));
+    qputenv("XDG_DATA_HOME", QFile::encodeName(dir.filePath(QStringLiteral("data"))));
+    qputenv("XDG_CACHE_HOME", QFile::encodeName(dir.filePath(QStringLiteral("cache"))));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // The platform must be chosen before the application object exists. Screenshots are
+    // always rendered offscreen (same pictures everywhere, no windows flashing by).
+    const bool screenshots = wantsScreenshots(argc, argv);
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && (screenshots || !hasDisplay()))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+
+    qInstallMessageHandler(journalQtMessage);
+    QApplication app(argc, argv);
+    QCoreApplication::setOrganizationName(QStringLiteral("Veltrax"));
+    QCoreApplication::setOrganizationDomain(QStringLiteral("veltrax.example"));
+    QCoreApplication::setApplicationName(QStringLiteral("GuiHelpersDemo"));
+    QCoreApplication::setApplicationVersion(QStringLiteral("2021.1.0"));
+
+    const DemoOptions options = parseDemoOptions();
+    if (!options.headless() && QGuiApplication::platformName() == QLatin1String("offscreen")) {
+        std::fprintf(stderr, "gui_helpers_demo: there is no display; run with --screenshots DIR to render the windows to PNG files instead\n");
+        return 2;
+    }
+    if (QGuiApplication::platformName() == QLatin1String("offscreen"))
+        QApplication::setStyle(QStringLiteral("Fusion"));
+    std::unique_ptr<Watchdog> watchdog;
+    if (options.headless())
+        watchdog = std::make_unique<Watchdog>(options.timeoutSeconds);
+    quitOnSignals(app);
+
+    QTemporaryDir throwawayProfile;
+    if (!options.profileDir.isEmpty())
+        useProfile(options.profileDir);
+    else if (options.headless())
+        useProfile(throwawayProfile.path());
+
+    // The journal: a file in the application's data directory, shown live in the main window.
+    const QString dataDir = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
+    QDir().mkpath(dataDir);
+    DemoContext context;
+    context.journalPath = QDir(dataDir).filePath(QStringLiteral("gui_helpers_demo.journal"));
+    gJournal = new Journaller(VxString(QFile::encodeName(context.journalPath).toStdString()), true, JLL_DEBUG);
+    gJournal->setDebugLevel(static_cast<JournalLogLevel>(options.verbosity), false);
+    gJournal->writeFileHeader();
+    JournalView::installForwarder();
+
+    // Usage statistics: one instance for the whole run, a log per run.
+    context.usage = DemoUsageStatistics::create();
+    context.usage->recreateLogFile();
+
+    int result;
+    if (options.headless()) {
+        result = ScreenshotRun(context, options.screenshotDir).exec();
+    } else {
+        MainWindow window(context);
+        window.show();
+        result = app.exec();
+    }
+
+    DemoUsageStatistics::log(context.usage->closingEvent());
+    AbstractUsageStatisticsSingleton::cleanup();
+    JWRITE("demo ends with exit code " << result);
+    JournalView::removeForwarder();
+    delete gJournal;
+    gJournal = nullptr;
+    return result;
+}

@@ -1,0 +1,306 @@
+// SPDX-License-Identifier: MIT
+#include "mainwindow.h"
+
+#include "aboutbox.h"
+#include "demousagestatistics.h"
+#include "filepathvalidator.h"
+#include "gridsplitter.h"
+#include "gui_helpers_config.h"
+#include "journaller.h"
+#include "journalview.h"
+#include "serialports.h"
+
+#include <QApplication>
+#include <QCheckBox>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QGridLayout>
+#include <QGroupBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QLinearGradient>
+#include <QListWidget>
+#include <QMenuBar>
+#include <QPainter>
+#include <QPainterPath>
+#include <QPushButton>
+#include <QSettings>
+#include <QStatusBar>
+#include <QVBoxLayout>
+
+#include <cmath>
+
+namespace
+{
+
+QGroupBox* pane(const QString& title, QWidget* parent)
+{
+    auto* box = new QGroupBox(title, parent);
+    box->setMinimumSize(120, 80);
+    return box;
+}
+
+QLabel* wrappingLabel(const QString& text = QString())
+{
+    auto* label = new QLabel(text);
+    label->setWordWrap(true);
+    label->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    return label;
+}
+
+} // namespace
+
+MainWindow::MainWindow(DemoContext& context, QWidget* parent)
+    : QMainWindow(parent)
+    , m_context(context)
+{
+    setWindowTitle(tr("%1 %2 — libgui_helpers demo").arg(QCoreApplication::applicationName(), QCoreApplication::applicationVersion()));
+    setWindowIcon(logo(64));
+
+    // The panes sit in a grid splitter: drag the gaps between them (also at a crossing).
+    m_splitter = new GridSplitter(this);
+    QGridLayout* grid = m_splitter->grid();
+    grid->addWidget(createUsagePane(), 0, 1);
+    grid->addWidget(createValidationPane(), 1, 1);
+    grid->addWidget(createSerialPortsPane(), 2, 0);
+    grid->addWidget(createJournalPane(), 2, 1);
+    m_splitter->resetGrid(-1, -1);
+    setCentralWidget(m_splitter);
+
+    QMenu* fileMenu = menuBar()->addMenu(tr("&File"));
+    fileMenu->addAction(tr("&Quit"), this, &QWidget::close, QKeySequence::Quit);
+    QMenu* helpMenu = menuBar()->addMenu(tr("&Help"));
+    helpMenu->addAction(tr("&About %1…").arg(QCoreApplication::applicationName()), this, &MainWindow::showAboutBox);
+
+    statusBar()->showMessage(tr("Journal: %1").arg(QDir::toNativeSeparators(m_context.journalPath)));
+    resize(1100, 760);
+    refreshUsageState();
+}
+
+MainWindow::~MainWindow() = default;
+
+QPixmap MainWindow::logo(int size)
+{
+    QPixmap pixmap(size, size);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    const QRectF frame(size * 0.04, size * 0.04, size * 0.92, size * 0.92);
+    QLinearGradient gradient(frame.topLeft(), frame.bottomRight());
+    gradient.setColorAt(0, QColor(0x2b, 0x8a, 0x9e));
+    gradient.setColorAt(1, QColor(0x1d, 0x3c, 0x6e));
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(gradient);
+    painter.drawRoundedRect(frame, size * 0.2, size * 0.2);
+    // A motion trace: the suite works with motion sensors.
+    QPainterPath trace;
+    const int steps = 48;
+    for (int i = 0; i <= steps; ++i) {
+        const qreal x = frame.left() + frame.width() * (0.12 + 0.76 * i / steps);
+        const qreal t = (i / qreal(steps)) * 3.14159265 * 3;
+        const qreal y = frame.center().y() - frame.height() * 0.25 * std::sin(t) * (1.0 - i / qreal(steps + 8));
+        if (i == 0)
+            trace.moveTo(x, y);
+        else
+            trace.lineTo(x, y);
+    }
+    painter.setBrush(Qt::NoBrush);
+    painter.setPen(QPen(Qt::white, size * 0.07, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+    painter.drawPath(trace);
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(QColor(0xf5, 0xa6, 0x23));
+    painter.drawEllipse(trace.currentPosition(), size * 0.07, size * 0.07);
+    return pixmap;
+}
+
+AboutBox* MainWindow::createAboutBox(QWidget* parent)
+{
+    auto* box = new AboutBox(parent);
+    box->setLogo(logo(96));
+    box->setProductName(QString());
+    box->setApplicationSuffix(QCoreApplication::applicationVersion());
+    box->setBuildInfo(QStringLiteral("4711"), QStringLiteral("a1b2c3d"), QStringLiteral("2021-06-21"), QStringLiteral("yyyy-MM-dd"), 0);
+    box->addTrademarkLine(tr("Veltrax and Kinemon are trademarks of Veltrax Motion Systems."));
+    box->addTrademarkLine(tr("Qt is a registered trademark of The Qt Company Ltd. and its subsidiaries."));
+
+    QFile eula(QStringLiteral(":/demo/eula.html"));
+    if (eula.open(QIODevice::ReadOnly))
+        box->setEula(QString::fromUtf8(eula.readAll()));
+
+    box->addComponent(QStringLiteral("libgui_helpers"), QStringLiteral(GUI_HELPERS_VERSION_STRING));
+    box->addComponent(QStringLiteral("Demo update catalogue"), QStringLiteral("2021.1"));
+    box->addLicencedComponent(QStringLiteral("<a href=\"https://eigen.tuxfamily.org/\">Eigen</a>"),
+        QStringLiteral("3.4"),
+        QStringLiteral("MPL 2.0"),
+        QStringLiteral("https://www.mozilla.org/MPL/2.0/"));
+    box->addLicencedComponent(
+        QStringLiteral("JSON for Modern C++"), QStringLiteral("3.11"), QStringLiteral("MIT"), QStringLiteral("https://opensource.org/licenses/MIT"));
+    box->addLicencedComponent(QStringLiteral("<a href=\"https://www.openssl.org/\">OpenSSL</a>"),
+        QStringLiteral("3.0"),
+        QStringLiteral("Apache License 2.0"),
+        QStringLiteral("https://www.apache.org/licenses/LICENSE-2.0"));
+
+    // Consent: the check box shows the stored choice and changes it.
+    box->showUsageDataCheckbox(true, m_context.usage && m_context.usage->allowLogFilesForUser());
+    connect(box, &AboutBox::allowUsageDataGathering, this, &MainWindow::setUsageConsent);
+    connect(this, &MainWindow::usageConsentChanged, box, [box](bool allow) {
+        box->showUsageDataCheckbox(true, allow);
+    });
+    box->setCurrentSelection(0);
+    return box;
+}
+
+void MainWindow::showAboutBox()
+{
+    DemoUsageStatistics::log(QStringLiteral("About box opened"));
+    if (!m_aboutBox)
+        m_aboutBox = createAboutBox(this);
+    m_aboutBox->show();
+    m_aboutBox->raise();
+}
+
+void MainWindow::setUsageConsent(bool allow)
+{
+    if (!m_context.usage)
+        return;
+    const bool before = m_context.usage->allowLogFilesForUser();
+    // Stores a first decision even when it matches the default, and does nothing when unchanged.
+    m_context.usage->setAllowLogFilesForUser(allow);
+    if (before != allow)
+        JWRITE("usage statistics " << (allow ? "allowed" : "refused") << " by the user");
+    refreshUsageState();
+    Q_EMIT usageConsentChanged(allow);
+}
+
+QWidget* MainWindow::createUsagePane()
+{
+    QGroupBox* box = pane(tr("Usage statistics"), this);
+    auto* layout = new QVBoxLayout(box);
+    m_consentCheckBox = new QCheckBox(tr("Allow anonymous usage statistics"), box);
+    connect(m_consentCheckBox, &QCheckBox::clicked, this, &MainWindow::setUsageConsent);
+    connect(this, &MainWindow::usageConsentChanged, m_consentCheckBox, &QCheckBox::setChecked);
+    layout->addWidget(m_consentCheckBox);
+    m_usageLogLabel = wrappingLabel();
+    layout->addWidget(m_usageLogLabel);
+    m_usageStateLabel = wrappingLabel();
+    layout->addWidget(m_usageStateLabel);
+    auto* logEvent = new QPushButton(tr("Log a use event"), box);
+    connect(logEvent, &QPushButton::clicked, this, [this] {
+        static int count = 0;
+        DemoUsageStatistics::log(QStringLiteral("Demo button pressed %1").arg(++count));
+        refreshUsageState();
+    });
+    auto* buttons = new QHBoxLayout;
+    buttons->addWidget(logEvent);
+    buttons->addStretch();
+    layout->addLayout(buttons);
+    layout->addStretch();
+    return box;
+}
+
+QWidget* MainWindow::createValidationPane()
+{
+    QGroupBox* box = pane(tr("File path validation"), this);
+    auto* layout = new QGridLayout(box);
+    auto* hint = wrappingLabel(tr("Characters that no file system takes (* : < > ? | \" %) cannot be typed. Reserved device names (con, "
+                                  "com1, lpt9, …) and names ending in a space or a dot are intermediate: <i>Repair</i> fixes one fault."));
+    hint->setTextFormat(Qt::RichText);
+    layout->addWidget(hint, 0, 0, 1, 4);
+
+    const auto addRow = [this, box, layout](int row, const QString& title, QValidator* validator, const QString& example) {
+        auto* edit = new QLineEdit(example, box);
+        edit->setValidator(validator);
+        auto* state = new QLabel(box);
+        state->setMinimumWidth(state->fontMetrics().horizontalAdvance(tr("Intermediate")) + 8);
+        auto* repair = new QPushButton(tr("Repair"), box);
+        const auto update = [edit, state, validator] {
+            QString text = edit->text();
+            int position = edit->cursorPosition();
+            switch (validator->validate(text, position)) {
+            case QValidator::Acceptable:
+                state->setText(tr("<span style=\"color:#1e7b34\">Acceptable</span>"));
+                break;
+            case QValidator::Intermediate:
+                state->setText(tr("<span style=\"color:#b36b00\">Intermediate</span>"));
+                break;
+            case QValidator::Invalid:
+                state->setText(tr("<span style=\"color:#b00020\">Invalid</span>"));
+                break;
+            }
+        };
+        connect(edit, &QLineEdit::textChanged, state, update);
+        connect(repair, &QPushButton::clicked, edit, [edit, validator] {
+            QString text = edit->text();
+            validator->fixup(text);
+            edit->setText(text);
+        });
+        update();
+        layout->addWidget(new QLabel(title, box), row, 0);
+        layout->addWidget(edit, row, 1);
+        layout->addWidget(state, row, 2);
+        layout->addWidget(repair, row, 3);
+    };
+    addRow(1, tr("Path:"), new QFilePathValidator(box), QStringLiteral("C:\\Measurements\\com1.csv"));
+    addRow(2, tr("File name:"), new QFileNameValidator(box), QStringLiteral("session 12. "));
+    layout->setColumnStretch(1, 1);
+    layout->setRowStretch(3, 1);
+    return box;
+}
+
+QWidget* MainWindow::createSerialPortsPane()
+{
+    QGroupBox* box = pane(tr("Serial ports"), this);
+    auto* layout = new QVBoxLayout(box);
+    m_serialPorts = new QListWidget(box);
+    layout->addWidget(m_serialPorts);
+    auto* refresh = new QPushButton(tr("Refresh"), box);
+    connect(refresh, &QPushButton::clicked, this, &MainWindow::refreshSerialPorts);
+    auto* buttons = new QHBoxLayout;
+    buttons->addStretch();
+    buttons->addWidget(refresh);
+    layout->addLayout(buttons);
+    refreshSerialPorts();
+    return box;
+}
+
+void MainWindow::refreshSerialPorts()
+{
+    m_serialPorts->clear();
+    const QStringList ports = qEnumerateSerialPorts();
+    for (const QString& port : ports)
+        m_serialPorts->addItem(comPortDisplayName(port));
+    if (ports.isEmpty()) {
+        auto* item = new QListWidgetItem(tr("No serial ports found (is libudev.so installed?)"), m_serialPorts);
+        item->setFlags(Qt::NoItemFlags);
+    }
+    JDEBUG(ports.size() << " serial port(s) found");
+}
+
+QWidget* MainWindow::createJournalPane()
+{
+    QGroupBox* box = pane(tr("Journal"), this);
+    auto* layout = new QVBoxLayout(box);
+    m_journalView = new JournalView(box);
+    layout->addWidget(m_journalView);
+    return box;
+}
+
+void MainWindow::refreshUsageState()
+{
+    if (!m_context.usage)
+        return;
+    const bool allowed = m_context.usage->allowLogFilesForUser();
+    m_consentCheckBox->setChecked(allowed);
+    const QString path = m_context.usage->logFilePath();
+    if (!allowed)
+        m_usageLogLabel->setText(tr("No usage log is kept: the user has not consented."));
+    else if (path.isEmpty())
+        m_usageLogLabel->setText(tr("No usage log yet."));
+    else
+        m_usageLogLabel->setText(tr("This run's log: %1").arg(QFileInfo(path).fileName()));
+    QSettings settings;
+    settings.beginGroup(QStringLiteral("UsageStatistics"));
+    const QString sentOn = settings.value(QStringLiteral("UsageDataWasSentOn")).toString();
+    m_usageStateLabel->setText(sentOn.isEmpty() ? tr("Usage data have not been sent yet.") : tr("Usage data last sent on %1.").arg(sentOn));
+}

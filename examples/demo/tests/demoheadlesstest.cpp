@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: MIT
+//
+// The demo's headless run, as a new user starts it: a real process, real servers on
+// loopback, real PNG files.
+#include <QImage>
+#include <QProcess>
+#include <QSet>
+#include <QTemporaryDir>
+#include <QTest>
+
+class DemoHeadlessTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    struct Run {
+        int exitCode = -1;
+        QString out;
+        QString err;
+    };
+
+    static Run runDemo(const QStringList& arguments, int timeoutMs = 90000)
+    {
+        QProcess demo;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        // As on a machine without a display: the demo must pick the offscreen platform itself.
+        environment.remove(QStringLiteral("QT_QPA_PLATFORM"));
+        environment.remove(QStringLiteral("DISPLAY"));
+        environment.remove(QStringLiteral("WAYLAND_DISPLAY"));
+        demo.setProcessEnvironment(environment);
+        demo.start(QStringLiteral(DEMO_PROGRAM), arguments);
+        Run run;
+        if (!demo.waitForFinished(timeoutMs)) {
+            demo.kill();
+            demo.waitForFinished(2000);
+            run.err = QStringLiteral("did not finish");
+            return run;
+        }
+        run.exitCode = demo.exitStatus() == QProcess::NormalExit ? demo.exitCode() : -1;
+        run.out = QString::fromUtf8(demo.readAllStandardOutput());
+        run.err = QString::fromUtf8(demo.readAllStandardError());
+        return run;
+    }
+
+    QTemporaryDir m_dir;
+    Run m_run;
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        m_run = runDemo({QStringLiteral("--screenshots"), m_dir.path()});
+    }
+
+    void headlessRunSucceeds()
+    {
+        QVERIFY2(m_run.exitCode == 0, qPrintable(m_run.out + m_run.err));
+        QVERIFY2(m_run.out.contains(QLatin1String("result: OK")), qPrintable(m_run.out));
+    }
+
+    void screenshotIsWritten_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::newRow("about box") << QStringLiteral("about-box.png");
+        QTest::newRow("main window") << QStringLiteral("main-window.png");
+    }
+    void screenshotIsWritten()
+    {
+        QFETCH(QString, file);
+        const QImage image(m_dir.filePath(file));
+        QVERIFY2(!image.isNull(), qPrintable(file));
+        QVERIFY(image.width() >= 400 && image.height() >= 300);
+        // Widgets were drawn: text, frames and icons give many colours, an empty window one.
+        QSet<QRgb> colours;
+        for (int y = 0; y < image.height(); y += 3)
+            for (int x = 0; x < image.width(); x += 3)
+                colours.insert(image.pixel(x, y));
+        QVERIFY2(colours.size() >= 16, qPrintable(QString::number(colours.size())));
+        QVERIFY2(m_run.out.contains(m_dir.filePath(file)), qPrintable(m_run.out));
+    }
+
+    void badOptionGivesOneLineAndExitCode2_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("unknown option") << QStringList {QStringLiteral("--frobnicate")} << QStringLiteral("frobnicate");
+        QTest::newRow("port without server") << QStringList {QStringLiteral("--port"), QStringLiteral("443")} << QStringLiteral("--port belongs to --server");
+        QTest::newRow("port out of range") << QStringList {QStringLiteral("--server"), QStringLiteral("x"), QStringLiteral("--port"), QStringLiteral("70000")}
+                                           << QStringLiteral("--port must be");
+        QTest::newRow("tus url not http") << QStringList {QStringLiteral("--tus-url"), QStringLiteral("ftp://h/files")} << QStringLiteral("--tus-url must be");
+        QTest::newRow("stray argument") << QStringList {QStringLiteral("extra")} << QStringLiteral("unexpected argument");
+    }
+    void badOptionGivesOneLineAndExitCode2()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, message);
+        const Run run = runDemo(arguments, 20000);
+        QCOMPARE(run.exitCode, 2);
+        QVERIFY2(run.err.contains(message), qPrintable(run.err));
+        QCOMPARE(run.err.trimmed().count(QLatin1Char('\n')), 0);
+    }
+
+    void withoutDisplayTheInteractiveDemoExplainsAndStops()
+    {
+        const Run run = runDemo({}, 20000);
+        QCOMPARE(run.exitCode, 2);
+        QVERIFY2(run.err.contains(QLatin1String("--screenshots")), qPrintable(run.err));
+    }
+};
+
+QTEST_GUILESS_MAIN(DemoHeadlessTest)
+#include "demoheadlesstest.moc"
