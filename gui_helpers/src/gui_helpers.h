@@ -10,7 +10,12 @@
 // Types library and support library
 #include "vxtypes.h"
 #include "journaller.h"
+#include "lists.h"
+#include "mathtypes.h"
+#include "mutex.h"
 #include "netmanager.h"
+#include "settingsfile.h"
+#include "variant.h"
 
 // Exported classes and functions
 #include "aboutbox.h"

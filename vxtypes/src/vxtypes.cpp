@@ -234,6 +234,16 @@ void VxByteArray::append(const VxByteArray& other)
     append(other.m_data, other.m_size);
 }
 
+char* VxByteArray::grow(size_t count)
+{
+    if (count > SIZE_MAX - m_size)
+        throw std::bad_alloc();
+    detach(m_size + count);
+    char* first = m_data + m_size;
+    m_size += count;
+    return first;
+}
+
 void VxByteArray::append(char byte)
 {
     detach(m_size + 1);

@@ -87,6 +87,11 @@ public:
     void append(const void* data, size_t size);
     void append(const VxByteArray& other);
     void append(char byte);
+    /**
+     * Grows the array by @p count bytes left uninitialised and returns a pointer to the
+     * first of them, for writers that fill them in place (growth by doubling, as append).
+     */
+    char* grow(size_t count);
     char operator[](size_t index) const { return m_data[index]; }
     char& operator[](size_t index);
     std::string toStdString() const { return std::string(m_data ? m_data : "", m_size); }
