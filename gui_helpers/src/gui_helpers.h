@@ -25,3 +25,4 @@
 #include "serialports.h"
 #include "timeconversions.h"
 #include "updateserverprotocol.h"
+#include "tusuploader.h"

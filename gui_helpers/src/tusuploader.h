@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: MIT
+//
+// Resumable file uploads over HTTP with the tus protocol, version 1.0.0.
+#pragma once
+
+#include "gui_helpers_export.h"
+#include "mutex.h"
+#include "netmanager.h"
+
+#include <QByteArray>
+#include <QNetworkReply>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+
+#include <atomic>
+#include <iosfwd>
+
+class QFile;
+class QNetworkRequest;
+
+namespace veltrax
+{
+class Variant;
+}
+
+/** Where a TusUploader stands. */
+enum class TusState : int {
+    Init = 0, ///< nothing started yet
+    Start = 1, ///< the creation request (POST) is on its way or waiting to be resent
+    Patch = 2, ///< chunks (PATCH) are being sent
+    Finish = 3, ///< the whole file has arrived
+    Error = 4, ///< the server refused, or the file could not be read
+};
+
+/** Writes "TusState::Patch(2)" and the like; values out of range as "Unknown case: <n>". */
+GUI_HELPERS_EXPORT std::ostream& operator<<(std::ostream& stream, TusState state);
+
+/**
+ * Uploads one local file at a time to a tus 1.0.0 server.
+ *
+ * A POST on the server URL creates the upload; the server answers 201 with the upload's
+ * "Location". The file then goes out in PATCH requests of at most chunkSize() bytes, each
+ * with the "Upload-Offset" it starts at. The file size is taken when the upload starts.
+ *
+ * Failures:
+ * - A transport failure (connection refused, reset, host not found, time-out, TLS) resends
+ *   the step that failed, unchanged, after 5000 ms, as often as it takes. A PATCH is resent
+ *   at the offset the server last acknowledged; nothing asks the server for its offset, so
+ *   if it had kept part of the lost chunk it answers 409 and the upload fails.
+ * - An HTTP error status ends the upload: state Error and uploadFailed() with the reply's
+ *   error text. A server that answers and closes the connection before it has read a
+ *   large body (an unknown upload URL, say) looks like a broken connection to Qt, and is
+ *   retried as one.
+ * - A creation reply other than 201, or a chunk reply other than 204, that Qt does not
+ *   count as an error (a redirect, a 200 from a server that is not tus) is only logged; the
+ *   upload then stays in its state and a new start is refused until the object goes.
+ * - If the file cannot be opened or read when its chunks are due (removed, truncated,
+ *   unreadable), or a 201 comes without a "Location", the upload fails with uploadFailed().
+ *
+ * Signals come from the thread of the shared network access manager (the GUI thread);
+ * the internal lock is never held while they are emitted, so slots may call back into
+ * the uploader, start the next upload, or delete it.
+ *
+ * Memory: one chunk is mapped, copied once into the request body and unmapped as soon as
+ * the request is handed over; the body goes with its reply once the PATCH has finished,
+ * before the next chunk is read. Peak use is about two chunks (the mapping and the copy)
+ * beyond Qt's own socket buffers.
+ */
+class GUI_HELPERS_EXPORT TusUploader : public QObject
+{
+    Q_OBJECT
+
+public:
+    /** The chunk size used when none is set: 32 MiB. */
+    static constexpr qint64 DefaultChunkSize = 33554432;
+    /**
+     * A request body must fit in one QByteArray, so no PATCH carries more than this (1 GiB),
+     * whatever chunk size is set.
+     */
+    static constexpr qint64 MaximumChunkBody = qint64(1) << 30;
+
+    /** @p serverUrl is the creation endpoint, the target of the POST. */
+    explicit TusUploader(const QString& serverUrl, QObject* parent = nullptr);
+    ~TusUploader() override;
+
+    /**
+     * Every request passes through here just before it is sent; override it to add
+     * headers or to redirect requests (see breakRequest()). Called with the internal lock
+     * held, on the thread that sends. The base version returns @p request unchanged.
+     */
+    virtual QNetworkRequest& prepareRequest(QNetworkRequest& request);
+
+    /** Largest PATCH body from the next chunk on; a size below 1 selects DefaultChunkSize. */
+    void setChunkSize(qint64 size);
+    qint64 chunkSize() const;
+
+    /** Credentials for every following request; empty texts send no header. */
+    void setAuthentication(const QString& bearerToken, const QString& subscriptionKey);
+    /** Destroy the uploader (deferred) once an upload has finished or failed. */
+    void setDeleteOnFinished(bool deleteOnFinished);
+
+    /**
+     * Starts uploading @p filePath with the "Upload-Metadata" value @p metaData (built with
+     * appendMetaData(); empty sends no such header, since servers reject an empty one).
+     *
+     * Returns false without any signal when an upload is still running (state Start or
+     * Patch), changing nothing, or when @p filePath is not an existing file, which sets
+     * the state to Error. The running check comes first, so that a bad path cannot
+     * disturb an upload in progress. An empty file is complete once created: no PATCH is
+     * sent.
+     */
+    bool startUploadFile(const QString& filePath, const QString& metaData);
+
+    TusState getState() const;
+    /** The upload's URL on the server (from the creation reply); empty before that. */
+    QString serverFilePath() const;
+
+    /**
+     * Appends one "key value" pair to an "Upload-Metadata" value: a comma first unless
+     * @p metaData is empty, then @p key, a space, and the Base64 of the JSON text of
+     * @p value (UTF-8). Strings therefore arrive with their JSON quotes. A value without
+     * JSON text (an empty variant) is sent as JSON null. Keys must not hold spaces or
+     * commas; they are not checked. Returns @p metaData.
+     */
+    static QString& appendMetaData(QString& metaData, const QString& key, const veltrax::Variant& value);
+
+    /**
+     * Adds "Ocp-Apim-Subscription-Key" when a subscription key is set and, independently,
+     * "Authorization: Bearer <token>" when a bearer token is set.
+     */
+    void fillAuthentication(QNetworkRequest& request) const;
+
+    /**
+     * Points @p request at "http://localhost/does/not/exist", which normally fails
+     * (connection refused), for prepareRequest() overrides that exercise the failure
+     * paths. Nothing in this class calls it.
+     */
+    void breakRequest(QNetworkRequest& request);
+
+Q_SIGNALS:
+    void uploadFailed(QString filePath, QString reason);
+    void uploadFinished(QString filePath);
+    /**
+     * @p total is the size of the current request body (the chunk), not of the file;
+     * @p actualSent counts the whole file and @p percent is of the whole file.
+     * @p bytesPerSecond divides everything sent so far, earlier chunks included, by the
+     * time since the current chunk was sent, so it overstates the rate after the first
+     * chunk. Qt's closing (0, 0) report of each request is not passed on, so @p actualSent
+     * never goes back.
+     */
+    void uploadProgress(QString filePath, qint64 total, qint64 actualSent, int percent, qint64 bytesPerSecond);
+
+private Q_SLOTS:
+    void onCreateFinished();
+    void onPatchFinished();
+    void onNetworkError(QNetworkReply::NetworkError code);
+    void onProgress(qint64 bytesSent, qint64 bytesTotal);
+    void sendStart();
+    void sendPatch();
+
+private:
+    Q_DISABLE_COPY(TusUploader)
+
+    /** Sends the chunk at the acknowledged offset; returns why it could not, or empty. */
+    QString patchNextChunk();
+    /** Ends the upload in state Error and reports @p reason; call with the lock held once. */
+    void fail(veltrax::Lock& lock, const QString& reason);
+    void closeFile();
+
+    const QString m_serverUrl;
+    QString m_uploadUrl;
+    QString m_filePath;
+    TusState m_state = TusState::Init;
+    qint64 m_fileSize = 0;
+    qint64 m_offset = 0;
+    // Set without the lock, so atomic.
+    std::atomic<qint64> m_chunkSize {DefaultChunkSize};
+    qint64 m_currentChunkLength = 0;
+    QFile* m_file = nullptr;
+    qint64 m_chunkStartTime = 0;
+    veltrax::NetManager m_netManager;
+    QString m_metaData;
+    QByteArray m_location;
+    QString m_bearerToken;
+    QString m_subscriptionKey;
+    bool m_deleteOnFinished = false;
+    mutable veltrax::Mutex m_mutex;
+    const qint64 m_retryDelay = 5000;
+
+    // The request in flight; a PATCH owns its body, which must live as long as the reply
+    // may read it (Qt may still ask for data after an early error answer).
+    QPointer<QNetworkReply> m_reply;
+};

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+//
+// A TusUploader whose prepareRequest() records every request and lets a test act on it
+// (kill the server, rewrite the request) just before it is sent.
+#pragma once
+
+#include "tusuploader.h"
+
+#include <QList>
+#include <QNetworkRequest>
+
+#include <functional>
+
+class HookedUploader : public TusUploader
+{
+public:
+    struct Prepared {
+        bool patch; ///< a chunk (it carries "Upload-Offset"), else the creation
+        qint64 offset;
+        QUrl url;
+        QList<QByteArray> headerNames; ///< as handed to the access manager, in order
+    };
+
+    using TusUploader::TusUploader;
+
+    QNetworkRequest& prepareRequest(QNetworkRequest& request) override
+    {
+        const bool patch = request.hasRawHeader("Upload-Offset");
+        prepared.append({patch, patch ? request.rawHeader("Upload-Offset").toLongLong() : -1, request.url(), request.rawHeaderList()});
+        if (hook)
+            hook(request, prepared.constLast());
+        return request;
+    }
+
+    /** Offsets of the chunks sent so far, resent ones included, in order. */
+    QList<qint64> patchOffsets() const
+    {
+        QList<qint64> offsets;
+        for (const Prepared& p : prepared) {
+            if (p.patch)
+                offsets.append(p.offset);
+        }
+        return offsets;
+    }
+
+    int creations() const
+    {
+        int n = 0;
+        for (const Prepared& p : prepared)
+            n += p.patch ? 0 : 1;
+        return n;
+    }
+
+    std::function<void(QNetworkRequest&, const Prepared&)> hook;
+    QList<Prepared> prepared;
+};

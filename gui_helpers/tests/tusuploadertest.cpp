@@ -1,0 +1,531 @@
+// SPDX-License-Identifier: MIT
+//
+// TusUploader against the real tus server on 127.0.0.1. Cases that wait out the retry
+// delay live in tusuploaderretrytest.cpp.
+#include "tusuploader.h"
+#include "hookeduploader.h"
+#include "tusserverprocess.h"
+#include "variant.h"
+
+#include <QFile>
+#include <QPointer>
+#include <QRandomGenerator>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <algorithm>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <sstream>
+
+namespace
+{
+constexpr int UploadTimeoutMs = 15000;
+
+QByteArray randomBytes(qint64 size, quint32 seed)
+{
+    QByteArray bytes(int(size), Qt::Uninitialized);
+    QRandomGenerator generator(seed);
+    for (char& c : bytes)
+        c = char(generator.bounded(256));
+    return bytes;
+}
+
+QString header(const QString& key, const QByteArray& json)
+{
+    return key + QLatin1Char(' ') + QString::fromLatin1(json.toBase64());
+}
+
+/** Whether another thread can take the uploader's lock now (it would block otherwise). */
+bool lockIsFree(const TusUploader* uploader)
+{
+    auto probe = std::async(std::launch::async, [uploader] {
+        return uploader->getState();
+    });
+    return probe.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+}
+} // namespace
+
+class TusUploaderTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_files;
+    TusServerProcess m_server;
+
+    QString writeFile(const QString& name, const QByteArray& contents)
+    {
+        const QString path = m_files.filePath(name);
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || file.write(contents) != contents.size())
+            return QString();
+        return path;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_files.isValid());
+        QString why;
+        if (!TusServerProcess::isInstalled(&why))
+            QFAIL(qPrintable(why));
+        QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+    }
+
+    void init() { m_server.clearRequests(); }
+
+    void stateStreamsAsNameAndNumber_data()
+    {
+        QTest::addColumn<int>("state");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("Init") << 0 << "TusState::Init(0)";
+        QTest::newRow("Start") << 1 << "TusState::Start(1)";
+        QTest::newRow("Patch") << 2 << "TusState::Patch(2)";
+        QTest::newRow("Finish") << 3 << "TusState::Finish(3)";
+        QTest::newRow("Error") << 4 << "TusState::Error(4)";
+        QTest::newRow("out of range") << 7 << "Unknown case: 7";
+        QTest::newRow("negative") << -1 << "Unknown case: -1";
+    }
+
+    void stateStreamsAsNameAndNumber()
+    {
+        QFETCH(int, state);
+        QFETCH(QString, text);
+        std::ostringstream out;
+        out << static_cast<TusState>(state);
+        QCOMPARE(QString::fromStdString(out.str()), text);
+    }
+
+    void metadataTextJoinsBase64JsonPairs()
+    {
+        QString metaData;
+        QCOMPARE(TusUploader::appendMetaData(metaData, QStringLiteral("name"), veltrax::Variant("scan.csv")), header("name", "\"scan.csv\""));
+        TusUploader::appendMetaData(metaData, QStringLiteral("count"), veltrax::Variant(42));
+        QCOMPARE(metaData, header("name", "\"scan.csv\"") + QLatin1Char(',') + header("count", "42"));
+        // No JSON text for an empty variant: it goes as null, and nothing escapes.
+        QString empty;
+        QCOMPARE(TusUploader::appendMetaData(empty, QStringLiteral("none"), veltrax::Variant()), header("none", "null"));
+    }
+
+    void uploadArrivesByteIdentical_data()
+    {
+        QTest::addColumn<qint64>("fileSize");
+        QTest::addColumn<qint64>("chunkSize");
+        QTest::addColumn<QList<qint64>>("offsets");
+        QTest::newRow("smaller than a chunk") << qint64(100000) << qint64(0) << QList<qint64> {0};
+        QTest::newRow("negative chunk size means the default") << qint64(100000) << qint64(-7) << QList<qint64> {0};
+        QTest::newRow("exact multiple of the chunk size") << qint64(3 * 4096) << qint64(4096) << QList<qint64> {0, 4096, 8192};
+        QTest::newRow("several chunks and a short last one")
+            << qint64(10 * 1000 + 7) << qint64(1000) << QList<qint64> {0, 1000, 2000, 3000, 4000, 5000, 6000, 7000, 8000, 9000, 10000};
+        QTest::newRow("one byte per chunk") << qint64(3) << qint64(1) << QList<qint64> {0, 1, 2};
+        QTest::newRow("empty file") << qint64(0) << qint64(0) << QList<qint64> {};
+    }
+
+    void uploadArrivesByteIdentical()
+    {
+        QFETCH(qint64, fileSize);
+        QFETCH(qint64, chunkSize);
+        QFETCH(QList<qint64>, offsets);
+
+        const QByteArray contents = randomBytes(fileSize, quint32(fileSize));
+        const QString path = writeFile(QStringLiteral("data.bin"), contents);
+        QVERIFY(!path.isEmpty());
+
+        HookedUploader uploader(m_server.creationUrl());
+        uploader.setChunkSize(chunkSize);
+        QCOMPARE(uploader.chunkSize(), chunkSize < 1 ? qint64(33554432) : chunkSize);
+        QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
+        QSignalSpy failed(&uploader, &TusUploader::uploadFailed);
+        QSignalSpy progress(&uploader, &TusUploader::uploadProgress);
+        QVERIFY(uploader.startUploadFile(path, QString()));
+        QCOMPARE(uploader.getState(), TusState::Start);
+
+        QVERIFY(finished.wait(UploadTimeoutMs));
+        QCOMPARE(failed.count(), 0);
+        QCOMPARE(finished.count(), 1);
+        QCOMPARE(finished.at(0).at(0).toString(), path);
+        QCOMPARE(uploader.getState(), TusState::Finish);
+
+        const QString id = TusServerProcess::idOfUploadUrl(uploader.serverFilePath());
+        QCOMPARE(uploader.serverFilePath(), m_server.creationUrl() + QLatin1Char('/') + id);
+        QVERIFY(m_server.storedData(id) == contents);
+        QCOMPARE(m_server.storedInfo(id).value(QStringLiteral("size")).toDouble(), double(fileSize));
+
+        QCOMPARE(uploader.patchOffsets(), offsets);
+        const auto patches = m_server.requests("PATCH");
+        QCOMPARE(patches.size(), offsets.size());
+        for (int i = 0; i < patches.size(); ++i) {
+            const qint64 length = qMin(uploader.chunkSize(), fileSize - offsets.at(i));
+            QCOMPARE(patches.at(i).header("Upload-Offset"), QByteArray::number(offsets.at(i)));
+            QCOMPARE(patches.at(i).header("Content-Length"), QByteArray::number(length));
+        }
+
+        // Progress counts the whole file, but its total is the current chunk's body.
+        qint64 lastSent = 0;
+        for (const auto& signal : qAsConst(progress)) {
+            const qint64 total = signal.at(1).toLongLong();
+            const qint64 sent = signal.at(2).toLongLong();
+            QVERIFY(sent >= lastSent);
+            QVERIFY(sent <= fileSize);
+            // At a chunk boundary the report may belong to either neighbour.
+            const auto lengthOfChunkAt = [&](bool inclusive) {
+                const auto it = std::find_if(offsets.crbegin(), offsets.crend(), [&](qint64 o) {
+                    return inclusive ? o <= sent : o < sent;
+                });
+                return it == offsets.crend() ? -1 : qMin(uploader.chunkSize(), fileSize - *it);
+            };
+            QVERIFY2(total == lengthOfChunkAt(true) || total == lengthOfChunkAt(false), qPrintable(QString::number(total)));
+            QCOMPARE(signal.at(3).toInt(), int(sent * 100 / fileSize));
+            QVERIFY(signal.at(4).toLongLong() >= 0);
+            lastSent = sent;
+        }
+        QCOMPARE(lastSent, fileSize);
+    }
+
+    void metadataArrivesAsJsonTextOfEachValue()
+    {
+        const QString path = writeFile(QStringLiteral("meta.bin"), "x");
+        QString metaData;
+        TusUploader::appendMetaData(metaData, QStringLiteral("filename"), veltrax::Variant(std::string("Messung \"Nord\" äöü.csv")));
+        TusUploader::appendMetaData(metaData, QStringLiteral("count"), veltrax::Variant(42));
+        TusUploader::appendMetaData(metaData, QStringLiteral("big"), veltrax::Variant(static_cast<long long>(-5000000000LL)));
+        TusUploader::appendMetaData(metaData, QStringLiteral("ratio"), veltrax::Variant(2.5));
+        TusUploader::appendMetaData(metaData, QStringLiteral("calibrated"), veltrax::Variant(true));
+        TusUploader::appendMetaData(metaData, QStringLiteral("word"), veltrax::Variant("null"));
+
+        TusUploader uploader(m_server.creationUrl());
+        QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
+        QVERIFY(uploader.startUploadFile(path, metaData));
+        QVERIFY(finished.wait(UploadTimeoutMs));
+
+        const auto stored = m_server.storedMetadata(TusServerProcess::idOfUploadUrl(uploader.serverFilePath()));
+        QCOMPARE(stored.size(), 6);
+        // Strings keep their quotes and are not escaped; the text "null" is bare.
+        QCOMPARE(stored.value(QStringLiteral("filename")), QStringLiteral("\"Messung \"Nord\" äöü.csv\""));
+        QCOMPARE(stored.value(QStringLiteral("count")), QStringLiteral("42"));
+        QCOMPARE(stored.value(QStringLiteral("big")), QStringLiteral("-5000000000"));
+        QCOMPARE(stored.value(QStringLiteral("ratio")), QStringLiteral("2.5"));
+        QCOMPARE(stored.value(QStringLiteral("calibrated")), QStringLiteral("true"));
+        QCOMPARE(stored.value(QStringLiteral("word")), QStringLiteral("null"));
+    }
+
+    void requestsCarryTheirHeadersInOrder()
+    {
+        const QString path = writeFile(QStringLiteral("order.bin"), randomBytes(10, 1));
+        QString metaData;
+        TusUploader::appendMetaData(metaData, QStringLiteral("k"), veltrax::Variant(1));
+        HookedUploader uploader(m_server.creationUrl());
+        uploader.setAuthentication(QStringLiteral("token"), QStringLiteral("key"));
+        QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
+        QVERIFY(uploader.startUploadFile(path, metaData));
+        QVERIFY(finished.wait(UploadTimeoutMs));
+
+        // The order is ours up to the access manager, which adds its own headers and
+        // moves Content-Length where it likes; the values are what must arrive.
+        QCOMPARE(uploader.prepared.size(), 2);
+        QCOMPARE(uploader.prepared.at(0).headerNames,
+            (QList<QByteArray> {"Tus-Resumable", "Upload-Metadata", "Ocp-Apim-Subscription-Key", "Authorization", "Upload-Length"}));
+        QCOMPARE(uploader.prepared.at(1).headerNames,
+            (QList<QByteArray> {
+                "Tus-Resumable", "Connection", "Upload-Offset", "Content-Length", "Content-Type", "Ocp-Apim-Subscription-Key", "Authorization"}));
+
+        const auto posts = m_server.requests("POST");
+        QCOMPARE(posts.size(), 1);
+        QCOMPARE(posts.at(0).header("Tus-Resumable"), QByteArray("1.0.0"));
+        QCOMPARE(posts.at(0).header("Upload-Length"), QByteArray("10"));
+        QCOMPARE(posts.at(0).header("Upload-Metadata"), metaData.toUtf8());
+        QCOMPARE(posts.at(0).header("Content-Length"), QByteArray("0"));
+
+        const auto patches = m_server.requests("PATCH");
+        QCOMPARE(patches.size(), 1);
+        QCOMPARE(patches.at(0).header("Tus-Resumable"), QByteArray("1.0.0"));
+        QCOMPARE(patches.at(0).header("Connection").toLower(), QByteArray("keep-alive"));
+        QCOMPARE(patches.at(0).header("Upload-Offset"), QByteArray("0"));
+        QCOMPARE(patches.at(0).header("Content-Length"), QByteArray("10"));
+        QCOMPARE(patches.at(0).header("Content-Type"), QByteArray("application/offset+octet-stream"));
+    }
+
+    void emptyMetadataSendsNoHeader()
+    {
+        // The server rejects an empty Upload-Metadata (400); without metadata none is sent.
+        const QString path = writeFile(QStringLiteral("plain.bin"), "abc");
+        TusUploader uploader(m_server.creationUrl());
+        QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
+        QVERIFY(uploader.startUploadFile(path, QString()));
+        QVERIFY(finished.wait(UploadTimeoutMs));
+        QVERIFY(!m_server.requests("POST").at(0).hasHeader("Upload-Metadata"));
+    }
+
+    void authenticationHeadersArriveWhenSet_data()
+    {
+        QTest::addColumn<QString>("token");
+        QTest::addColumn<QString>("key");
+        QTest::newRow("both") << "eyJhbGciOi.payload.sig"
+                              << "0123abcd";
+        QTest::newRow("bearer token only") << "tok"
+                                           << "";
+        QTest::newRow("subscription key only") << ""
+                                               << "sub-key";
+        QTest::newRow("neither") << ""
+                                 << "";
+    }
+
+    void authenticationHeadersArriveWhenSet()
+    {
+        QFETCH(QString, token);
+        QFETCH(QString, key);
+        const QString path = writeFile(QStringLiteral("auth.bin"), randomBytes(2500, 2));
+        TusUploader uploader(m_server.creationUrl());
+        uploader.setChunkSize(1000);
+        uploader.setAuthentication(token, key);
+        QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
+        QVERIFY(uploader.startUploadFile(path, QString()));
+        QVERIFY(finished.wait(UploadTimeoutMs));
+
+        const auto requests = m_server.requests();
+        QCOMPARE(requests.size(), 4); // one POST, three PATCHes
+        for (const auto& request : requests) {
+            QCOMPARE(request.hasHeader("Authorization"), !token.isEmpty());
+            QCOMPARE(request.hasHeader("Ocp-Apim-Subscription-Key"), !key.isEmpty());
+            if (!token.isEmpty())
+                QCOMPARE(request.header("Authorization"), "Bearer " + token.toUtf8());
+            if (!key.isEmpty())
+                QCOMPARE(request.header("Ocp-Apim-Subscription-Key"), key.toUtf8());
+        }
+    }
+
+    void schemeRelativeLocationTakesTheServerScheme()
+    {
+        TusServerProcess server;
+        server.setSchemeRelativeLocations(true);
+        QVERIFY2(server.start(), qPrintable(server.errorString()));
+        const QByteArray contents = randomBytes(3000, 3);
+        const QString path = writeFile(QStringLiteral("relative.bin"), contents);
+
+        TusUploader uploader(server.creationUrl());
+        uploader.setChunkSize(1024);
+        QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
+        QVERIFY(uploader.startUploadFile(path, QString()));
+        QVERIFY(finished.wait(UploadTimeoutMs));
+
+        const QStringList ids = server.uploadIds();
+        QCOMPARE(ids.size(), 1);
+        QCOMPARE(uploader.serverFilePath(), QStringLiteral("http://127.0.0.1:%1/files/%2").arg(server.port()).arg(ids.first()));
+        QVERIFY(server.storedData(ids.first()) == contents);
+    }
+
+    void httpErrorStatusEndsInUploadFailed_data()
+    {
+        QTest::addColumn<QByteArray>("fault");
+        QTest::addColumn<int>("chunk");
+        QTest::newRow("creation refused") << QByteArray("bad-length") << 1000;
+        QTest::newRow("upload URL the server does not know") << QByteArray("unknown-url") << 1000;
+        QTest::newRow("offset the server did not expect") << QByteArray("wrong-offset") << 1000;
+    }
+
+    void httpErrorStatusEndsInUploadFailed()
+    {
+        QFETCH(QByteArray, fault);
+        QFETCH(int, chunk);
+        const QString path = writeFile(QStringLiteral("refused.bin"), randomBytes(3 * chunk, 4));
+        HookedUploader uploader(m_server.creationUrl());
+        uploader.setChunkSize(chunk);
+        uploader.hook = [&](QNetworkRequest& request, const HookedUploader::Prepared& prepared) {
+            if (fault == "bad-length" && !prepared.patch)
+                request.setRawHeader("Upload-Length", "-1");
+            if (fault == "unknown-url" && prepared.patch && prepared.offset == chunk)
+                request.setUrl(QUrl(m_server.creationUrl() + QStringLiteral("/0123456789abcdef")));
+            if (fault == "wrong-offset" && prepared.patch && prepared.offset == 2 * chunk)
+                request.setRawHeader("Upload-Offset", QByteArray::number(chunk));
+        };
+        QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
+        QSignalSpy failed(&uploader, &TusUploader::uploadFailed);
+        QVERIFY(uploader.startUploadFile(path, QString()));
+        QVERIFY(failed.wait(UploadTimeoutMs));
+        QCOMPARE(failed.count(), 1);
+        QCOMPARE(failed.at(0).at(0).toString(), path);
+        QVERIFY(!failed.at(0).at(1).toString().isEmpty());
+        QCOMPARE(uploader.getState(), TusState::Error);
+        QCOMPARE(finished.count(), 0);
+
+        // An ended upload may be started again.
+        uploader.hook = nullptr;
+        QVERIFY(uploader.startUploadFile(path, QString()));
+        QVERIFY(finished.wait(UploadTimeoutMs));
+        QCOMPARE(failed.count(), 1);
+    }
+
+    void missingFileReturnsFalseWithoutSignal_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::newRow("no such file") << "absent.bin";
+        QTest::newRow("a directory") << "";
+    }
+
+    void missingFileReturnsFalseWithoutSignal()
+    {
+        QFETCH(QString, name);
+        TusUploader uploader(m_server.creationUrl());
+        QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
+        QSignalSpy failed(&uploader, &TusUploader::uploadFailed);
+        QVERIFY(!uploader.startUploadFile(m_files.filePath(name), QString()));
+        QCOMPARE(uploader.getState(), TusState::Error);
+        QCoreApplication::processEvents();
+        QCOMPARE(finished.count() + failed.count(), 0);
+        QVERIFY(m_server.requests().isEmpty());
+    }
+
+    void secondStartWhileRunningIsRefused()
+    {
+        const QByteArray first = randomBytes(5000, 5);
+        const QByteArray second = randomBytes(300, 6);
+        const QString firstPath = writeFile(QStringLiteral("first.bin"), first);
+        const QString secondPath = writeFile(QStringLiteral("second.bin"), second);
+        HookedUploader uploader(m_server.creationUrl());
+        uploader.setChunkSize(1000);
+        QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
+
+        bool refusedWhilePatching = false;
+        uploader.hook = [&](QNetworkRequest&, const HookedUploader::Prepared& prepared) {
+            if (prepared.patch && prepared.offset == 2000)
+                refusedWhilePatching = !uploader.startUploadFile(secondPath, QString()) && uploader.getState() == TusState::Patch;
+        };
+        QVERIFY(uploader.startUploadFile(firstPath, QString()));
+        QVERIFY(!uploader.startUploadFile(secondPath, QString()));
+        QCOMPARE(uploader.getState(), TusState::Start);
+        // A missing file does not disturb the running upload either.
+        QVERIFY(!uploader.startUploadFile(m_files.filePath(QStringLiteral("absent.bin")), QString()));
+        QCOMPARE(uploader.getState(), TusState::Start);
+
+        QVERIFY(finished.wait(UploadTimeoutMs));
+        QVERIFY(refusedWhilePatching);
+        QCOMPARE(finished.at(0).at(0).toString(), firstPath);
+        QVERIFY(m_server.storedData(TusServerProcess::idOfUploadUrl(uploader.serverFilePath())) == first);
+
+        uploader.hook = nullptr;
+        QVERIFY(uploader.startUploadFile(secondPath, QString()));
+        QVERIFY(finished.wait(UploadTimeoutMs));
+        QCOMPARE(finished.at(1).at(0).toString(), secondPath);
+        QVERIFY(m_server.storedData(TusServerProcess::idOfUploadUrl(uploader.serverFilePath())) == second);
+        QCOMPARE(m_server.requests("POST").size(), 2);
+    }
+
+    void fileThatShrinksFailsInsteadOfReadingPastItsEnd()
+    {
+        const QString path = writeFile(QStringLiteral("shrinking.bin"), randomBytes(4096 * 4, 7));
+        HookedUploader uploader(m_server.creationUrl());
+        uploader.setChunkSize(4096);
+        uploader.hook = [&](QNetworkRequest&, const HookedUploader::Prepared& prepared) {
+            if (prepared.patch && prepared.offset == 0)
+                QFile::resize(path, 4096 + 10);
+        };
+        QSignalSpy failed(&uploader, &TusUploader::uploadFailed);
+        QVERIFY(uploader.startUploadFile(path, QString()));
+        QVERIFY(failed.wait(UploadTimeoutMs));
+        QCOMPARE(uploader.getState(), TusState::Error);
+        QCOMPARE(uploader.patchOffsets(), (QList<qint64> {0}));
+    }
+
+    void lockIsFreeWhileSignalsAreDelivered()
+    {
+        const QString path = writeFile(QStringLiteral("signals.bin"), randomBytes(3000, 8));
+        TusUploader uploader(m_server.creationUrl());
+        uploader.setChunkSize(1000);
+        int progressChecks = 0;
+        bool progressFree = true;
+        bool finishedFree = false;
+        connect(&uploader, &TusUploader::uploadProgress, this, [&] {
+            ++progressChecks;
+            progressFree = progressFree && lockIsFree(&uploader);
+        });
+        connect(&uploader, &TusUploader::uploadFinished, this, [&] {
+            finishedFree = lockIsFree(&uploader);
+        });
+        QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
+        QVERIFY(uploader.startUploadFile(path, QString()));
+        QVERIFY(finished.wait(UploadTimeoutMs));
+        QVERIFY(progressChecks > 0);
+        QVERIFY(progressFree);
+        QVERIFY(finishedFree);
+
+        bool failedFree = false;
+        HookedUploader broken(m_server.creationUrl());
+        broken.hook = [](QNetworkRequest& request, const HookedUploader::Prepared&) {
+            request.setRawHeader("Upload-Length", "x");
+        };
+        connect(&broken, &TusUploader::uploadFailed, this, [&] {
+            failedFree = lockIsFree(&broken);
+        });
+        QSignalSpy brokenFailed(&broken, &TusUploader::uploadFailed);
+        QVERIFY(broken.startUploadFile(path, QString()));
+        QVERIFY(brokenFailed.wait(UploadTimeoutMs));
+        QVERIFY(failedFree);
+    }
+
+    void uploaderMayGoWhenItIsDone_data()
+    {
+        QTest::addColumn<bool>("succeed");
+        QTest::addColumn<bool>("deletedBySlot");
+        QTest::newRow("delete on finished after success") << true << false;
+        QTest::newRow("delete on finished after failure") << false << false;
+        QTest::newRow("deleted by a slot of uploadFinished") << true << true;
+        QTest::newRow("deleted by a slot of uploadFailed") << false << true;
+    }
+
+    void uploaderMayGoWhenItIsDone()
+    {
+        QFETCH(bool, succeed);
+        QFETCH(bool, deletedBySlot);
+        const QString path = writeFile(QStringLiteral("done.bin"), randomBytes(2000, 9));
+        QPointer<HookedUploader> uploader = new HookedUploader(m_server.creationUrl());
+        uploader->setChunkSize(1000);
+        if (!succeed) {
+            uploader->hook = [](QNetworkRequest& request, const HookedUploader::Prepared& prepared) {
+                if (prepared.patch)
+                    request.setRawHeader("Upload-Offset", "7");
+            };
+        }
+        QSignalSpy finished(uploader.data(), &TusUploader::uploadFinished);
+        QSignalSpy failed(uploader.data(), &TusUploader::uploadFailed);
+        if (deletedBySlot) {
+            connect(uploader.data(), &TusUploader::uploadFinished, this, [&] {
+                delete uploader.data();
+            });
+            connect(uploader.data(), &TusUploader::uploadFailed, this, [&] {
+                delete uploader.data();
+            });
+        } else {
+            uploader->setDeleteOnFinished(true);
+        }
+        QVERIFY(uploader->startUploadFile(path, QString()));
+        QTRY_VERIFY_WITH_TIMEOUT(!uploader, UploadTimeoutMs);
+        QCOMPARE(finished.count(), succeed ? 1 : 0);
+        QCOMPARE(failed.count(), succeed ? 0 : 1);
+    }
+
+    void destroyingWhilePatchingStopsTheRequest()
+    {
+        // The shared access manager outlives the uploader, so its request must be stopped.
+        veltrax::NetManager keepAlive;
+        const QByteArray contents = randomBytes(8 << 20, 10);
+        const QString path = writeFile(QStringLiteral("big.bin"), contents);
+        QPointer<HookedUploader> uploader = new HookedUploader(m_server.creationUrl());
+        uploader->setChunkSize(4 << 20);
+        QSignalSpy progress(uploader.data(), &TusUploader::uploadProgress);
+        QVERIFY(uploader->startUploadFile(path, QString()));
+        QTRY_VERIFY_WITH_TIMEOUT(uploader->getState() == TusState::Patch, UploadTimeoutMs);
+        delete uploader.data();
+        QTest::qWait(200);
+        TusUploader next(m_server.creationUrl());
+        QSignalSpy finished(&next, &TusUploader::uploadFinished);
+        QVERIFY(next.startUploadFile(path, QString()));
+        QVERIFY(finished.wait(UploadTimeoutMs));
+        QVERIFY(m_server.storedData(TusServerProcess::idOfUploadUrl(next.serverFilePath())) == contents);
+    }
+};
+
+QTEST_GUILESS_MAIN(TusUploaderTest)
+#include "tusuploadertest.moc"
