@@ -219,14 +219,7 @@ void TusUploader::onCreateFinished()
 
     if (m_fileSize == 0) {
         // Nothing to send: an empty PATCH would only restate what the creation said.
-        m_state = TusState::Finish;
-        const QString filePath = m_filePath;
-        const bool deleteSelf = m_deleteOnFinished;
-        lock.unlock();
-        QPointer<TusUploader> self(this);
-        Q_EMIT uploadFinished(filePath);
-        if (self && deleteSelf)
-            deleteLater();
+        finish(lock);
         return;
     }
 
@@ -328,18 +321,7 @@ void TusUploader::onPatchFinished()
         return;
     }
 
-    closeFile();
-    m_state = TusState::Finish;
-    const QString filePath = m_filePath;
-    const bool deleteSelf = m_deleteOnFinished;
-    JDEBUG(filePath << " complete, " << m_fileSize << " bytes");
-    lock.unlock();
-
-    // A slot may delete us.
-    QPointer<TusUploader> self(this);
-    Q_EMIT uploadFinished(filePath);
-    if (self && deleteSelf)
-        deleteLater();
+    finish(lock);
 }
 
 void TusUploader::onNetworkError(QNetworkReply::NetworkError code)
@@ -385,6 +367,23 @@ void TusUploader::onProgress(qint64 bytesSent, qint64 bytesTotal)
     lock.unlock();
 
     Q_EMIT uploadProgress(filePath, bytesTotal, actualSent, percent, bytesPerSecond);
+}
+
+void TusUploader::finish(veltrax::Lock& lock)
+{
+    Q_ASSERT(m_mutex.recursionCount() == 1);
+    closeFile();
+    m_state = TusState::Finish;
+    const QString filePath = m_filePath;
+    const bool deleteSelf = m_deleteOnFinished;
+    JDEBUG(filePath << " complete, " << m_fileSize << " bytes");
+    lock.unlock();
+
+    // A slot may delete us.
+    QPointer<TusUploader> self(this);
+    Q_EMIT uploadFinished(filePath);
+    if (self && deleteSelf)
+        deleteLater();
 }
 
 void TusUploader::fail(veltrax::Lock& lock, const QString& reason)

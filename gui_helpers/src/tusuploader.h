@@ -164,6 +164,8 @@ private:
 
     /** Sends the chunk at the acknowledged offset; returns why it could not, or empty. */
     QString patchNextChunk();
+    /** Ends the upload in state Finish and reports it; call with the lock held once. */
+    void finish(veltrax::Lock& lock);
     /** Ends the upload in state Error and reports @p reason; call with the lock held once. */
     void fail(veltrax::Lock& lock, const QString& reason);
     void closeFile();
