@@ -111,7 +111,7 @@ private Q_SLOTS:
     {
         TusServerProcess server;
         QVERIFY2(server.start(), qPrintable(server.errorString()));
-        QVERIFY(server.kill()); // the port is known, nobody listens on it
+        QVERIFY(server.stop()); // the port is known, nobody listens on it
         const QByteArray contents = randomBytes(5000, 12);
         const QString path = writeFile(QStringLiteral("late.bin"), contents);
 
