@@ -26,3 +26,4 @@
 #include "timeconversions.h"
 #include "updateserverprotocol.h"
 #include "tusuploader.h"
+#include "updateserverresponseparser.h"
