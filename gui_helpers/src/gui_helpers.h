@@ -24,6 +24,7 @@
 #include "gridsplitter.h"
 #include "serialports.h"
 #include "timeconversions.h"
+#include "updateservercomm.h"
 #include "updateserverprotocol.h"
 #include "tusuploader.h"
 #include "updateserverresponseparser.h"
