@@ -7,6 +7,7 @@
 #include "journaller.h"
 
 #include <algorithm>
+#include <cstring>
 #include <strings.h>
 
 namespace veltrax
@@ -20,21 +21,55 @@ inline unsigned char lower(unsigned char c)
 }
 } // namespace
 
+namespace
+{
+// ASCII upper-case letters of eight bytes at once turned into lower case; other bytes,
+// including those of multi-byte UTF-8 sequences, stay as they are.
+inline uint64_t lower8(uint64_t x)
+{
+    constexpr uint64_t ones = 0x0101010101010101ull;
+    constexpr uint64_t highBits = 0x8080808080808080ull;
+    const uint64_t seven = x & ~highBits;
+    const uint64_t atLeastA = seven + (0x80 - 'A') * ones;
+    const uint64_t aboveZ = seven + (0x80 - 'Z' - 1) * ones;
+    const uint64_t upper = atLeastA & ~aboveZ & ~x & highBits;
+    return x | (upper >> 2);
+}
+
+inline uint64_t mix(uint64_t h, uint64_t word)
+{
+    h ^= word;
+    h *= 0x9E3779B97F4A7C15ull;
+    return h ^ (h >> 29);
+}
+} // namespace
+
 size_t CaseInsensitiveHash::operator()(const std::string& key) const noexcept
 {
-    // FNV-1a over the lower-cased bytes: the same as hashing a lower-cased copy, without the copy.
-    uint64_t h = 1469598103934665603ull;
-    for (unsigned char c : key) {
-        h ^= lower(c);
-        h *= 1099511628211ull;
+    // The same value as hashing a lower-cased copy, without making the copy; eight bytes
+    // per step because this runs once per record when a byte form is read.
+    const char* p = key.data();
+    size_t n = key.size();
+    uint64_t h = 0x243F6A8885A308D3ull ^ n;
+    for (; n >= 8; n -= 8, p += 8) {
+        uint64_t word;
+        std::memcpy(&word, p, 8);
+        h = mix(h, lower8(word));
     }
-    return size_t(h);
+    if (n) {
+        uint64_t word = 0;
+        std::memcpy(&word, p, n);
+        h = mix(h, lower8(word));
+    }
+    return size_t(h ^ (h >> 32));
 }
 
 bool CaseInsensitiveEqual::operator()(const std::string& a, const std::string& b) const noexcept
 {
     if (a.size() != b.size())
         return false;
+    if (std::memcmp(a.data(), b.data(), a.size()) == 0)
+        return true;
     for (size_t i = 0; i < a.size(); ++i) {
         if (lower(static_cast<unsigned char>(a[i])) != lower(static_cast<unsigned char>(b[i])))
             return false;

@@ -284,8 +284,10 @@ public:
     /**
      * Appends the tree as one JSON object without white space. Subtrees holding no
      * setting become [], list subtrees (an itemCount setting or a non-empty item0) become
-     * arrays of their item0, item1, ... subtrees. Texts are not escaped. Throws
-     * std::logic_error when an Empty value is met.
+     * arrays of their item0, item1, ... subtrees (up to itemCount, missing ones as {};
+     * without a usable itemCount up to the first gap; a count above 65536 only as far as
+     * the items that exist). Texts are not escaped. Throws std::logic_error when an Empty
+     * value is met.
      */
     void writeJsonString(std::string& out) const;
     /**

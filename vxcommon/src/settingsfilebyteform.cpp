@@ -57,6 +57,13 @@ bool hasLongZeroRun(const char* data, size_t size)
 // writer puts all settings of a node together), so the node of the last record's path is
 // kept and reused when the next path is the same, saving the walk from the top.
 struct SettingsFileByteReader {
+    SettingsFileByteReader(SettingsFile& tree, const char* form, size_t size)
+        : tree(tree)
+        , form(form)
+        , size(size)
+    {
+    }
+
     SettingsFile& tree;
     const char* form;
     size_t size;
@@ -194,7 +201,11 @@ int SettingsFile::deserialize(const VxByteArray& in, int offset)
         throw VxException(VXRV_DATAOVERFLOW, "Number of reported settings in file exceeds sensible boundaries");
 
     clear(std::string());
-    SettingsFileByteReader reader {*this, form, size};
+    // Room for every record in this node: right for the common flat tree, and cheap
+    // (buckets only) when the records go to subtrees instead.
+    if (m_settings.empty())
+        m_settings.reserve(count);
+    SettingsFileByteReader reader(*this, form, size);
     size_t position = 5;
     for (uint32_t i = 0; i < count; ++i)
         position += reader.readRecord(position);
@@ -206,7 +217,7 @@ int SettingsFile::deserializeSetting(const VxByteArray& in, int position)
 {
     if (position < 0)
         throwOutOfRange();
-    SettingsFileByteReader reader {*this, in.data(), in.size()};
+    SettingsFileByteReader reader(*this, in.data(), in.size());
     return static_cast<int>(reader.readRecord(size_t(position)));
 }
 

@@ -17,10 +17,25 @@ namespace
 {
 
 constexpr char ItemCount[] = "itemCount";
+constexpr size_t TrustedItemCount = 65536;
 
 std::string itemLabel(size_t i)
 {
     return "item" + std::to_string(i);
+}
+
+// The index of a label "item<decimal>" (any case).
+bool itemIndex(const std::string& label, size_t& index)
+{
+    if (label.size() < 5 || label.size() > 14 || !startsWithNoCase(label, "item"))
+        return false;
+    index = 0;
+    for (size_t i = 4; i < label.size(); ++i) {
+        if (label[i] < '0' || label[i] > '9')
+            return false;
+        index = index * 10 + size_t(label[i] - '0');
+    }
+    return true;
 }
 
 // Deepest nesting of arrays and objects in a JSON text, counted outside strings, so that
@@ -171,8 +186,9 @@ void SettingsFile::writeJsonObject(std::string& out) const
             continue;
         }
         // A list. Without a usable itemCount, the items run from item0 to the first gap.
-        // The count is capped by the subtrees there are, so a bogus count cannot make
-        // the text grow without bound.
+        // Missing items below the count are written as {}; a count beyond
+        // TrustedItemCount is believed only as far as the items that exist, so that a
+        // bogus count cannot make the text grow without bound.
         size_t items = 0;
         bool counted = false;
         if (count) {
@@ -185,8 +201,15 @@ void SettingsFile::writeJsonObject(std::string& out) const
         if (!counted) {
             while (sub.childFor(itemLabel(items)))
                 ++items;
+        } else if (items > TrustedItemCount) {
+            size_t last = 0;
+            for (const auto& child : sub.m_subTrees) {
+                size_t index = 0;
+                if (itemIndex(child.first, index) && index < items)
+                    last = std::max(last, index + 1);
+            }
+            items = std::max(last, TrustedItemCount);
         }
-        items = std::min(items, sub.m_subTrees.size());
         out.push_back('[');
         for (size_t i = 0; i < items; ++i) {
             if (i)

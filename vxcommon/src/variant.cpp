@@ -67,7 +67,8 @@ struct Scalar {
         Real, // d, rounded half away from zero for integer targets
         RealTruncated, // d, truncated for integer targets
         Text, // text, read as a number
-    } kind;
+    } kind
+        = Integer;
     int64_t i = 0;
     double d = 0;
     std::string text;
@@ -659,7 +660,7 @@ namespace
 {
 Scalar scalarOf(const Variant& v)
 {
-    Scalar s {Scalar::Integer};
+    Scalar s;
     switch (v.type()) {
     case Variant::Bool:
         s.i = v.toConstBool() ? 1 : 0;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "settingsfile.h"
 
+#include <QRandomGenerator>
 #include <QTest>
 
 #include <functional>
@@ -99,6 +100,7 @@ private Q_SLOTS:
     void recordPastEndIsOutOfRange();
     void everyTruncationFailsCleanlyOrReads_data();
     void everyTruncationFailsCleanlyOrReads();
+    void mutatedFormsFailCleanlyOrRead();
     void labelListReadingRules_data();
     void labelListReadingRules();
     void overlongStringIsCutButConsumed_data();
@@ -420,6 +422,39 @@ void SettingsFileByteFormTest::everyTruncationFailsCleanlyOrReads()
         try {
             const int n = read.deserialize(part, 0);
             QVERIFY(n >= 0 && size_t(n) <= cut);
+        } catch (const VxException& e) {
+            QVERIFY2(e.resultValue() == VXRV_INSUFFICIENTDATA || e.resultValue() == VXRV_DATAOVERFLOW, e.what());
+        } catch (const std::out_of_range& e) {
+            QCOMPARE(QString::fromUtf8(e.what()), QStringLiteral("index out of range"));
+        }
+    }
+}
+
+void SettingsFileByteFormTest::mutatedFormsFailCleanlyOrRead()
+{
+    SettingsFile tree;
+    int i = 0;
+    for (const auto& kind : everyKind()) {
+        if (kind.second.type() != Variant::LongString) // keep the form small enough to mutate often
+            tree.setSetting("k" + std::to_string(i++) + ".v", kind.second);
+    }
+    const VxByteArray valid = serialized(tree);
+    QRandomGenerator random(7);
+    for (int round = 0; round < 3000; ++round) {
+        VxByteArray form(valid.data(), valid.size());
+        const int flips = 1 + int(random.bounded(4));
+        for (int f = 0; f < flips; ++f) {
+            const size_t at = random.bounded(quint32(form.size()));
+            // Mostly small numbers and lengths: those steer the reader furthest.
+            form[at] = char(random.bounded(2) ? random.bounded(256) : random.bounded(4));
+        }
+        const VxByteArray exact(form.data(), random.bounded(2) ? form.size() : random.bounded(quint32(form.size())));
+        SettingsFile read;
+        try {
+            const int n = read.deserialize(exact, 0);
+            QVERIFY(n >= 0 && size_t(n) <= exact.size());
+            VxByteArray again;
+            read.serialize(again); // whatever was read can be written
         } catch (const VxException& e) {
             QVERIFY2(e.resultValue() == VXRV_INSUFFICIENTDATA || e.resultValue() == VXRV_DATAOVERFLOW, e.what());
         } catch (const std::out_of_range& e) {

@@ -49,6 +49,8 @@ private Q_SLOTS:
     void splitLabelFollowsTable_data();
     void splitLabelFollowsTable();
     void keysIgnoreCaseAndKeepFirstSpelling();
+    void caseFoldingIsAsciiOnly_data();
+    void caseFoldingIsAsciiOnly();
     void dottedPathCreatesSubTrees();
     void oddPathsResolveLikeSplitLabel_data();
     void oddPathsResolveLikeSplitLabel();
@@ -130,6 +132,35 @@ void SettingsFileTest::keysIgnoreCaseAndKeepFirstSpelling()
     t.setSetting("sub.x", Variant(3));
     QCOMPARE(sortedLabels(t.subTrees()), QStringList {"Sub"});
     QCOMPARE(t.subTree("SUB").setting("X").toInt32(), 3);
+}
+
+void SettingsFileTest::caseFoldingIsAsciiOnly_data()
+{
+    QTest::addColumn<QByteArray>("a");
+    QTest::addColumn<QByteArray>("b");
+    QTest::addColumn<bool>("same");
+    QTest::newRow("short") << QByteArray("Rate") << QByteArray("rATE") << true;
+    QTest::newRow("longer than a word") << QByteArray("SettingNumber12345XYZ") << QByteArray("settingnumber12345xyz") << true;
+    QTest::newRow("letters at the edges") << QByteArray("AZaz") << QByteArray("azAZ") << true;
+    QTest::newRow("neighbours of A and Z") << QByteArray("@[") << QByteArray("`{") << false;
+    QTest::newRow("Latin-1 bytes") << QByteArray("\xc1") << QByteArray("\xe1") << false;
+    QTest::newRow("UTF-8 letters") << QByteArray("\xc3\x84x") << QByteArray("\xc3\xa4X") << false;
+    QTest::newRow("different length") << QByteArray("abc") << QByteArray("abcd") << false;
+}
+
+void SettingsFileTest::caseFoldingIsAsciiOnly()
+{
+    QFETCH(QByteArray, a);
+    QFETCH(QByteArray, b);
+    QFETCH(bool, same);
+    const std::string x = a.toStdString();
+    const std::string y = b.toStdString();
+    QCOMPARE(veltrax::CaseInsensitiveEqual()(x, y), same);
+    if (same)
+        QCOMPARE(veltrax::CaseInsensitiveHash()(x), veltrax::CaseInsensitiveHash()(y));
+    SettingsFile t;
+    t.setSetting(x, Variant(1));
+    QCOMPARE(t.hasSetting(y), same);
 }
 
 void SettingsFileTest::dottedPathCreatesSubTrees()
