@@ -71,7 +71,6 @@ JournalView::JournalView(QWidget* parent)
 {
     setReadOnly(true);
     setMaximumBlockCount(500);
-    setLineWrapMode(QPlainTextEdit::NoWrap);
     QFont font = QFontDatabase::systemFont(QFontDatabase::FixedFont);
     font.setPointSizeF(font.pointSizeF() * 0.85);
     setFont(font);

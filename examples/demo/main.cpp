@@ -3,6 +3,7 @@
 // gui_helpers_demo: a small host application that uses every part of libgui_helpers the way
 // a suite application does. See --help and the README.
 #include "demooptions.h"
+#include "demoservices.h"
 #include "demousagestatistics.h"
 #include "journaller.h"
 #include "journalview.h"
@@ -12,6 +13,7 @@
 
 #include <QApplication>
 #include <QDir>
+#include <QMessageBox>
 #include <QSocketNotifier>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -146,9 +148,23 @@ int main(int argc, char** argv)
     context.usage = DemoUsageStatistics::create();
     context.usage->recreateLogFile();
 
-    int result;
+    // The update server and the upload endpoint: our own on 127.0.0.1 unless named.
+    Watchdog::setStage("starting the servers");
+    auto services = std::make_unique<DemoServices>(options);
+    if (services->start()) {
+        context.services = services.get();
+    } else if (options.headless()) {
+        std::fprintf(stderr, "gui_helpers_demo: FAILED: %s\n", qPrintable(services->errorString()));
+    } else {
+        QMessageBox::warning(nullptr,
+            QObject::tr("Servers not available"),
+            QObject::tr("%1\n\nUpdates, usage sending and uploads are not available in this run.").arg(services->errorString()));
+    }
+
+    int result = 1;
     if (options.headless()) {
-        result = ScreenshotRun(context, options.screenshotDir).exec();
+        if (context.services)
+            result = ScreenshotRun(context, options.screenshotDir).exec();
     } else {
         MainWindow window(context);
         window.show();
@@ -157,6 +173,7 @@ int main(int argc, char** argv)
 
     DemoUsageStatistics::log(context.usage->closingEvent());
     AbstractUsageStatisticsSingleton::cleanup();
+    services.reset();
     JWRITE("demo ends with exit code " << result);
     JournalView::removeForwarder();
     delete gJournal;

@@ -2,6 +2,7 @@
 #include "mainwindow.h"
 
 #include "aboutbox.h"
+#include "demoservices.h"
 #include "demousagestatistics.h"
 #include "filepathvalidator.h"
 #include "gridsplitter.h"
@@ -9,11 +10,16 @@
 #include "journaller.h"
 #include "journalview.h"
 #include "serialports.h"
+#include "timeconversions.h"
+#include "tusuploader.h"
+#include "variant.h"
 
 #include <QApplication>
 #include <QCheckBox>
+#include <QDate>
 #include <QDir>
 #include <QFile>
+#include <QFileDialog>
 #include <QFileInfo>
 #include <QGridLayout>
 #include <QGroupBox>
@@ -24,9 +30,12 @@
 #include <QMenuBar>
 #include <QPainter>
 #include <QPainterPath>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QSettings>
+#include <QStandardPaths>
 #include <QStatusBar>
+#include <QTimer>
 #include <QVBoxLayout>
 
 #include <cmath>
@@ -49,6 +58,11 @@ QLabel* wrappingLabel(const QString& text = QString())
     return label;
 }
 
+QString sizeText(qint64 bytes)
+{
+    return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeTraditionalFormat);
+}
+
 } // namespace
 
 MainWindow::MainWindow(DemoContext& context, QWidget* parent)
@@ -60,8 +74,10 @@ MainWindow::MainWindow(DemoContext& context, QWidget* parent)
 
     // The panes sit in a grid splitter: drag the gaps between them (also at a crossing).
     m_splitter = new GridSplitter(this);
+    m_splitter->setContentsMargins(6, 6, 6, 6);
     QGridLayout* grid = m_splitter->grid();
     grid->addWidget(createUsagePane(), 0, 1);
+    grid->addWidget(createUploadPane(), 0, 0);
     grid->addWidget(createValidationPane(), 1, 1);
     grid->addWidget(createSerialPortsPane(), 2, 0);
     grid->addWidget(createJournalPane(), 2, 1);
@@ -69,12 +85,15 @@ MainWindow::MainWindow(DemoContext& context, QWidget* parent)
     setCentralWidget(m_splitter);
 
     QMenu* fileMenu = menuBar()->addMenu(tr("&File"));
+    fileMenu->addAction(tr("&Upload a File…"), this, &MainWindow::chooseAndUploadFile);
+    fileMenu->addSeparator();
     fileMenu->addAction(tr("&Quit"), this, &QWidget::close, QKeySequence::Quit);
     QMenu* helpMenu = menuBar()->addMenu(tr("&Help"));
     helpMenu->addAction(tr("&About %1…").arg(QCoreApplication::applicationName()), this, &MainWindow::showAboutBox);
 
     statusBar()->showMessage(tr("Journal: %1").arg(QDir::toNativeSeparators(m_context.journalPath)));
-    resize(1100, 760);
+    resize(1180, 820);
+
     refreshUsageState();
 }
 
@@ -114,6 +133,8 @@ QPixmap MainWindow::logo(int size)
     return pixmap;
 }
 
+// ---- about box ------------------------------------------------------------------------
+
 AboutBox* MainWindow::createAboutBox(QWidget* parent)
 {
     auto* box = new AboutBox(parent);
@@ -141,7 +162,7 @@ AboutBox* MainWindow::createAboutBox(QWidget* parent)
         QStringLiteral("Apache License 2.0"),
         QStringLiteral("https://www.apache.org/licenses/LICENSE-2.0"));
 
-    // Consent: the check box shows the stored choice and changes it.
+    // The check box shows and changes the consent.
     box->showUsageDataCheckbox(true, m_context.usage && m_context.usage->allowLogFilesForUser());
     connect(box, &AboutBox::allowUsageDataGathering, this, &MainWindow::setUsageConsent);
     connect(this, &MainWindow::usageConsentChanged, box, [box](bool allow) {
@@ -159,6 +180,109 @@ void MainWindow::showAboutBox()
     m_aboutBox->show();
     m_aboutBox->raise();
 }
+
+// ---- upload ---------------------------------------------------------------------------
+
+QWidget* MainWindow::createUploadPane()
+{
+    QGroupBox* box = pane(tr("Resumable upload (tus 1.0.0)"), this);
+    auto* layout = new QVBoxLayout(box);
+    if (m_context.services)
+        layout->addWidget(wrappingLabel(tr("Endpoint: %1.").arg(m_context.services->tusDescription())));
+    m_uploadProgress = new QProgressBar(box);
+    m_uploadProgress->setRange(0, 100);
+    m_uploadProgress->setValue(0);
+    layout->addWidget(m_uploadProgress);
+    m_uploadStateLabel = wrappingLabel(tr("Nothing uploaded yet."));
+    layout->addWidget(m_uploadStateLabel);
+    auto* buttons = new QHBoxLayout;
+    m_uploadButton = new QPushButton(tr("Upload a file…"), box);
+    connect(m_uploadButton, &QPushButton::clicked, this, &MainWindow::chooseAndUploadFile);
+    m_sampleButton = new QPushButton(tr("Upload a sample"), box);
+    connect(m_sampleButton, &QPushButton::clicked, this, &MainWindow::uploadSample);
+    buttons->addWidget(m_uploadButton);
+    buttons->addWidget(m_sampleButton);
+    buttons->addStretch();
+    layout->addLayout(buttons);
+    layout->addStretch();
+
+    if (m_context.services && !m_context.services->tusUrl().isEmpty()) {
+        m_uploader = new TusUploader(m_context.services->tusUrl(), this);
+        // Small chunks, so that the progress bar moves in steps even on loopback.
+        m_uploader->setChunkSize(256 * 1024);
+        connect(m_uploader, &TusUploader::uploadProgress, this, [this](const QString&, qint64, qint64 sent, int percent, qint64 rate) {
+            m_uploadProgress->setValue(percent);
+            m_uploadStateLabel->setText(tr("%1 sent (%2/s)").arg(sizeText(sent), sizeText(rate)));
+        });
+        connect(m_uploader, &TusUploader::uploadFinished, this, [this](const QString& path) {
+            m_uploadProgress->setValue(100);
+            const QString message
+                = tr("Uploaded %1 (%2) to %3").arg(QFileInfo(path).fileName(), sizeText(QFileInfo(path).size()), m_uploader->serverFilePath());
+            m_uploadStateLabel->setText(message + QLatin1Char('.'));
+            m_uploadButton->setEnabled(true);
+            m_sampleButton->setEnabled(true);
+            DemoUsageStatistics::log(QStringLiteral("File uploaded"));
+            Q_EMIT uploadEnded(true, message);
+        });
+        connect(m_uploader, &TusUploader::uploadFailed, this, [this](const QString& path, const QString& reason) {
+            const QString message = tr("Upload of %1 failed: %2").arg(QFileInfo(path).fileName(), reason);
+            m_uploadStateLabel->setText(tr("<span style=\"color:#b00020\">%1</span>").arg(message.toHtmlEscaped()));
+            m_uploadButton->setEnabled(true);
+            m_sampleButton->setEnabled(true);
+            Q_EMIT uploadEnded(false, message);
+        });
+    } else {
+        m_uploadButton->setEnabled(false);
+        m_sampleButton->setEnabled(false);
+    }
+    return box;
+}
+
+bool MainWindow::uploadFile(const QString& path)
+{
+    if (!m_uploader)
+        return false;
+    QString metadata;
+    TusUploader::appendMetaData(metadata, QStringLiteral("filename"), veltrax::Variant(QFileInfo(path).fileName().toStdString()));
+    TusUploader::appendMetaData(metadata, QStringLiteral("application"), veltrax::Variant(QCoreApplication::applicationName().toStdString()));
+    TusUploader::appendMetaData(metadata, QStringLiteral("size"), veltrax::Variant(static_cast<long long>(QFileInfo(path).size())));
+    if (!m_uploader->startUploadFile(path, metadata)) {
+        m_uploadStateLabel->setText(tr("Cannot upload %1: an upload is running, or the file does not exist.").arg(QFileInfo(path).fileName()));
+        return false;
+    }
+    m_uploadProgress->setValue(0);
+    m_uploadStateLabel->setText(tr("Uploading %1 …").arg(QFileInfo(path).fileName()));
+    m_uploadButton->setEnabled(false);
+    m_sampleButton->setEnabled(false);
+    return true;
+}
+
+void MainWindow::chooseAndUploadFile()
+{
+    const QString path = QFileDialog::getOpenFileName(this, tr("Upload a File"));
+    if (!path.isEmpty())
+        uploadFile(path);
+}
+
+void MainWindow::uploadSample()
+{
+    // A few MiB of recognisable bytes in the cache directory.
+    const QString dir = QStandardPaths::writableLocation(QStandardPaths::CacheLocation);
+    QDir().mkpath(dir);
+    const QString path = QDir(dir).filePath(QStringLiteral("sample-recording.bin"));
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        QByteArray block(64 * 1024, '\0');
+        for (int i = 0; i < block.size(); ++i)
+            block[i] = static_cast<char>((i * 31 + 7) & 0xff);
+        for (int i = 0; i < 48; ++i)
+            file.write(block);
+        file.close();
+    }
+    uploadFile(path);
+}
+
+// ---- usage statistics -----------------------------------------------------------------
 
 void MainWindow::setUsageConsent(bool allow)
 {
@@ -198,6 +322,28 @@ QWidget* MainWindow::createUsagePane()
     layout->addStretch();
     return box;
 }
+
+void MainWindow::refreshUsageState()
+{
+    if (!m_context.usage)
+        return;
+    const bool allowed = m_context.usage->allowLogFilesForUser();
+    m_consentCheckBox->setChecked(allowed);
+    const QString path = m_context.usage->logFilePath();
+    if (!allowed)
+        m_usageLogLabel->setText(tr("No usage log is kept: the user has not consented."));
+    else if (path.isEmpty())
+        m_usageLogLabel->setText(tr("No usage log yet."));
+    else
+        // Zero-width spaces let the long name wrap at its underscores.
+        m_usageLogLabel->setText(tr("This run's log: %1").arg(QFileInfo(path).fileName().replace(QLatin1Char('_'), QStringLiteral("_\u200b"))));
+    QSettings settings;
+    settings.beginGroup(QStringLiteral("UsageStatistics"));
+    const QString sentOn = settings.value(QStringLiteral("UsageDataWasSentOn")).toString();
+    m_usageStateLabel->setText(sentOn.isEmpty() ? tr("Usage data have not been sent yet.") : tr("Usage data last accepted by the server on %1.").arg(sentOn));
+}
+
+// ---- widgets --------------------------------------------------------------------------
 
 QWidget* MainWindow::createValidationPane()
 {
@@ -284,23 +430,4 @@ QWidget* MainWindow::createJournalPane()
     m_journalView = new JournalView(box);
     layout->addWidget(m_journalView);
     return box;
-}
-
-void MainWindow::refreshUsageState()
-{
-    if (!m_context.usage)
-        return;
-    const bool allowed = m_context.usage->allowLogFilesForUser();
-    m_consentCheckBox->setChecked(allowed);
-    const QString path = m_context.usage->logFilePath();
-    if (!allowed)
-        m_usageLogLabel->setText(tr("No usage log is kept: the user has not consented."));
-    else if (path.isEmpty())
-        m_usageLogLabel->setText(tr("No usage log yet."));
-    else
-        m_usageLogLabel->setText(tr("This run's log: %1").arg(QFileInfo(path).fileName()));
-    QSettings settings;
-    settings.beginGroup(QStringLiteral("UsageStatistics"));
-    const QString sentOn = settings.value(QStringLiteral("UsageDataWasSentOn")).toString();
-    m_usageStateLabel->setText(sentOn.isEmpty() ? tr("Usage data have not been sent yet.") : tr("Usage data last sent on %1.").arg(sentOn));
 }

@@ -8,18 +8,22 @@
 #include <QString>
 
 class AboutBox;
+class DemoServices;
 class DemoUsageStatistics;
-class JournalView;
 class GridSplitter;
+class JournalView;
 class QCheckBox;
 class QLabel;
-class QLineEdit;
 class QListWidget;
+class QProgressBar;
+class QPushButton;
 class QValidator;
+class TusUploader;
 
 /** Everything the windows of the demo share; owned by main(). */
 struct DemoContext {
     DemoUsageStatistics* usage = nullptr;
+    DemoServices* services = nullptr;
     /** Where the journal file is. */
     QString journalPath;
 };
@@ -39,23 +43,35 @@ public:
 
 public Q_SLOTS:
     void showAboutBox();
+    /** Uploads @p path to the tus endpoint; false when an upload is still running or the file is missing. */
+    bool uploadFile(const QString& path);
+    /** Writes a sample recording (3 MiB) to the cache directory and uploads it. */
+    void uploadSample();
     /** Grants or withdraws the user's consent to usage statistics; keeps every check box in step. */
     void setUsageConsent(bool allow);
+    void refreshUsageState();
 
 Q_SIGNALS:
     void usageConsentChanged(bool allow);
+    void uploadEnded(bool success, const QString& message);
 
 private:
+    QWidget* createUploadPane();
     QWidget* createUsagePane();
     QWidget* createValidationPane();
     QWidget* createSerialPortsPane();
     QWidget* createJournalPane();
-    void refreshUsageState();
     void refreshSerialPorts();
+    void chooseAndUploadFile();
 
     DemoContext& m_context;
     GridSplitter* m_splitter = nullptr;
     QPointer<AboutBox> m_aboutBox;
+    TusUploader* m_uploader = nullptr;
+    QLabel* m_uploadStateLabel = nullptr;
+    QProgressBar* m_uploadProgress = nullptr;
+    QPushButton* m_uploadButton = nullptr;
+    QPushButton* m_sampleButton = nullptr;
     QCheckBox* m_consentCheckBox = nullptr;
     QLabel* m_usageLogLabel = nullptr;
     QLabel* m_usageStateLabel = nullptr;

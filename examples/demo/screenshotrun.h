@@ -24,6 +24,7 @@ public:
     int exec();
 
 private:
+    void upload(MainWindow& window);
     void report(const QString& line);
     void failure(const QString& line);
     bool save(QWidget* widget, const QString& fileName);

@@ -2,9 +2,13 @@
 //
 // The demo's headless run, as a new user starts it: a real process, real servers on
 // loopback, real PNG files.
+#include <QFileInfo>
+#include <QHostAddress>
 #include <QImage>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QSet>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -77,6 +81,47 @@ private Q_SLOTS:
                 colours.insert(image.pixel(x, y));
         QVERIFY2(colours.size() >= 16, qPrintable(QString::number(colours.size())));
         QVERIFY2(m_run.out.contains(m_dir.filePath(file)), qPrintable(m_run.out));
+    }
+
+    void outputReports_data()
+    {
+        QTest::addColumn<QString>("line");
+        QTest::newRow("upload arrived intact") << QStringLiteral("the endpoint's copy matches");
+    }
+    void outputReports()
+    {
+        QFETCH(QString, line);
+        QVERIFY2(m_run.out.contains(line), qPrintable(m_run.out));
+    }
+
+    void missingUpdateServerProgramFailsClearly()
+    {
+        QTemporaryDir shots;
+        const Run run
+            = runDemo({QStringLiteral("--screenshots"), shots.path(), QStringLiteral("--update-server-program"), QStringLiteral("/nonexistent/server")}, 30000);
+        QCOMPARE(run.exitCode, 1);
+        QVERIFY2(run.err.contains(QLatin1String("FAILED: /nonexistent/server is not an executable program")), qPrintable(run.err));
+    }
+
+    void aHangingStartIsCutOffByTheTimeout()
+    {
+        // A "server" that never reports its port.
+        QTemporaryDir dir;
+        const QString program = dir.filePath(QStringLiteral("silent-server"));
+        QFile script(program);
+        QVERIFY(script.open(QIODevice::WriteOnly));
+        script.write("#!/bin/sh\nexec sleep 60\n");
+        script.close();
+        script.setPermissions(script.permissions() | QFileDevice::ExeOwner);
+        const Run run = runDemo({QStringLiteral("--screenshots"),
+                                    dir.filePath(QStringLiteral("shots")),
+                                    QStringLiteral("--update-server-program"),
+                                    program,
+                                    QStringLiteral("--timeout"),
+                                    QStringLiteral("5")},
+            30000);
+        QCOMPARE(run.exitCode, 3);
+        QVERIFY2(run.err.contains(QLatin1String("gave up after 5 s while starting gui_helpers_update_server")), qPrintable(run.err));
     }
 
     void badOptionGivesOneLineAndExitCode2_data()

@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: MIT
+#include "demoservices.h"
+
+#include "democertificateauthority.h"
+#include "demooptions.h"
+#include "embeddedupdateserver.h"
+#include "journaller.h"
+#include "localhttpserver.h"
+#include "settingsfile.h"
+#include "watchdog.h"
+
+#include <QDir>
+#include <QFile>
+#include <QRegularExpression>
+#include <QStandardPaths>
+
+namespace
+{
+const QByteArray DownloadsPlaceholder = QByteArrayLiteral("@DOWNLOADS@");
+
+/** Stand-in installer: a shell script that says what it is, padded to a realistic size. */
+QByteArray installerBytes(const QString& name)
+{
+    QByteArray bytes
+        = "#!/bin/sh\n# " + name.toUtf8() + "\necho 'This is a stand-in installer served by the libgui_helpers demo; it installs nothing.'\nexit 0\n";
+    QByteArray padding;
+    for (int i = 0; padding.size() < 768 * 1024; ++i)
+        padding += "# " + QByteArray::number(i).rightJustified(8, '0') + " padding so that the download takes a moment\n";
+    return bytes + padding;
+}
+} // namespace
+
+DemoServices::DemoServices(const DemoOptions& options, QObject* parent)
+    : QObject(parent)
+    , m_options(options)
+{
+}
+
+DemoServices::~DemoServices()
+{
+    Watchdog::setChildProcess(0);
+}
+
+QByteArray DemoServices::catalogueText(const QString& downloadBase)
+{
+    QFile resource(QStringLiteral(":/demo/democatalogue.vxa"));
+    if (!resource.open(QIODevice::ReadOnly))
+        return QByteArray();
+    return resource.readAll().replace(DownloadsPlaceholder, downloadBase.toUtf8());
+}
+
+bool DemoServices::start()
+{
+    if (!m_workDir.isValid()) {
+        m_error = QStringLiteral("cannot create a temporary directory: %1").arg(m_workDir.errorString());
+        return false;
+    }
+    if (m_options.embeddedUpdateServer() || m_options.embeddedTus()) {
+        if (!startHttpServer())
+            return false;
+    }
+    if (m_options.embeddedUpdateServer()) {
+        if (!startEmbeddedUpdateServer())
+            return false;
+    } else {
+        m_updateServer.serverAddress = m_options.serverHost;
+        m_updateServer.port = m_options.serverPort;
+    }
+    if (!m_options.caFile.isEmpty() && !DemoCertificateAuthority::trustInThisProcess(m_options.caFile, &m_error))
+        return false;
+    m_tusUrl = m_options.embeddedTus() ? m_http->tusUrl() : m_options.tusUrl;
+    return true;
+}
+
+bool DemoServices::startHttpServer()
+{
+    const QString dataDir = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
+    m_http = std::make_unique<LocalHttpServer>(QDir(dataDir).filePath(QStringLiteral("uploads")));
+    if (!m_http->start()) {
+        m_error = QStringLiteral("cannot listen on 127.0.0.1: %1").arg(m_http->errorString());
+        return false;
+    }
+    connect(m_http.get(), &LocalHttpServer::requestServed, this, [](int status, const QString& line) {
+        // Every chunk of an upload is a request: only refusals are worth a journal line by default.
+        JLOG_AS(status >= 400 ? JLL_ALERT : JLL_TRACE, "LocalHttpServer", line);
+    });
+    JDEBUG("local HTTP server at " << m_http->baseUrl());
+    return true;
+}
+
+bool DemoServices::startEmbeddedUpdateServer()
+{
+    Watchdog::setStage("looking for gui_helpers_update_server");
+    const QString program = EmbeddedUpdateServer::findProgram(m_options.updateServerProgram);
+    if (program.isEmpty()) {
+        m_error = m_options.updateServerProgram.isEmpty()
+            ? QStringLiteral("gui_helpers_update_server was not found next to the demo nor in the build tree; build it, or pass --server")
+            : QStringLiteral("%1 is not an executable program").arg(m_options.updateServerProgram);
+        return false;
+    }
+
+    Watchdog::setStage("making the demo certificate authority with openssl");
+    DemoCertificateAuthority authority;
+    if (!authority.create(m_workDir.filePath(QStringLiteral("tls")))) {
+        m_error = authority.errorString();
+        return false;
+    }
+    if (!DemoCertificateAuthority::trustInThisProcess(authority.caCertificatePath(), &m_error))
+        return false;
+
+    // The catalogue, with the installers' addresses on the local HTTP server.
+    const QString downloads = m_http->baseUrl() + QStringLiteral("/installers");
+    const QByteArray catalogue = catalogueText(downloads);
+    if (catalogue.isEmpty()) {
+        m_error = QStringLiteral("the demo catalogue resource is missing");
+        return false;
+    }
+    veltrax::SettingsFile tree;
+    tree.readVxaString(catalogue.toStdString());
+    for (const auto& setting : tree.flattened()) {
+        const std::string& name = setting.first;
+        if (name.size() < 4 || name.compare(name.size() - 4, 4, ".url") != 0 || !setting.second.isString())
+            continue;
+        const QString url = QString::fromStdString(setting.second.toStdString());
+        if (!url.startsWith(downloads + QLatin1Char('/')))
+            continue;
+        const QString file = url.mid(downloads.size() + 1);
+        m_installerUrls.append(m_http->addFile(file, installerBytes(file)));
+    }
+    const QString cataloguePath = m_workDir.filePath(QStringLiteral("democatalogue.vxa"));
+    QFile catalogueFile(cataloguePath);
+    if (!catalogueFile.open(QIODevice::WriteOnly) || catalogueFile.write(catalogue) != catalogue.size()) {
+        m_error = QStringLiteral("cannot write %1").arg(cataloguePath);
+        return false;
+    }
+    catalogueFile.close();
+
+    Watchdog::setStage("starting gui_helpers_update_server");
+    m_inbox = QDir(QStandardPaths::writableLocation(QStandardPaths::AppDataLocation)).filePath(QStringLiteral("server-inbox"));
+    m_embeddedServer = std::make_unique<EmbeddedUpdateServer>();
+    connect(m_embeddedServer.get(), &EmbeddedUpdateServer::logLine, this, [](const QString& line) {
+        JLOG_AS(JLL_DEBUG, "gui_helpers_update_server", line);
+    });
+    connect(m_embeddedServer.get(), &EmbeddedUpdateServer::processStarted, this, [](qint64 pid) {
+        Watchdog::setChildProcess(pid);
+    });
+    if (!m_embeddedServer->start(program, authority.serverCertificatePath(), authority.serverKeyPath(), cataloguePath, m_inbox)) {
+        m_error = m_embeddedServer->errorString();
+        m_embeddedServer.reset();
+        Watchdog::setChildProcess(0);
+        return false;
+    }
+    m_updateServer.serverAddress = m_embeddedServer->host();
+    m_updateServer.port = m_embeddedServer->port();
+    JDEBUG("embedded update server " << program << " on " << m_updateServer.serverAddress << ':' << m_updateServer.port);
+    return true;
+}
+
+QString DemoServices::updateServerDescription() const
+{
+    if (m_embeddedServer)
+        return tr("embedded reference server at %1:%2, certificate from this run's demo CA").arg(m_updateServer.serverAddress).arg(m_updateServer.port);
+    const QString trust = m_options.caFile.isEmpty() ? tr("system certificate authorities") : tr("CA file %1").arg(m_options.caFile);
+    return tr("%1:%2 (%3)").arg(m_updateServer.serverAddress).arg(m_updateServer.port).arg(trust);
+}
+
+QString DemoServices::tusDescription() const
+{
+    return m_options.embeddedTus() ? tr("embedded tus 1.0.0 endpoint %1").arg(m_tusUrl) : m_tusUrl;
+}
