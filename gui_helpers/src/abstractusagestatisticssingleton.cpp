@@ -1,20 +1,26 @@
 // SPDX-License-Identifier: MIT
 #include "abstractusagestatisticssingleton.h"
 
+#include "gui_helpers_config.h"
 #include "journaller.h"
+#include "settingsfile.h"
+#include "updateserverprotocol.h"
 #include "vxtypes.h"
 
 #include <QCoreApplication>
 #include <QDate>
 #include <QDir>
+#include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
 #include <QHostInfo>
 #include <QLocale>
+#include <QPointer>
 #include <QSettings>
 #include <QStandardPaths>
 #include <QSysInfo>
 #include <QTextStream>
+#include <QTimer>
 #include <QUuid>
 
 namespace
@@ -53,6 +59,12 @@ AbstractUsageStatisticsSingleton::AbstractUsageStatisticsSingleton()
 
 AbstractUsageStatisticsSingleton::~AbstractUsageStatisticsSingleton()
 {
+    terminateServerConnection(0);
+    // Requests still winding down are our children; a QThread must not be destroyed while
+    // its thread runs. The connection is gone, so each is past its last use of it.
+    const QList<ServerRequest*> requests = findChildren<ServerRequest*>(QString(), Qt::FindDirectChildrenOnly);
+    for (ServerRequest* request : requests)
+        request->wait();
     if (m_logFile && m_logFile->isOpen()) {
         m_logFile->flush();
         m_logFile->close();
@@ -271,4 +283,91 @@ void AbstractUsageStatisticsSingleton::removeLogFiles()
         if (fullName.contains(prefix) && !fullName.contains(currentName))
             QFile::remove(fullName);
     }
+}
+
+void AbstractUsageStatisticsSingleton::overrideServerAndPort(QString& address, int& port)
+{
+    QSettings settings;
+    settings.beginGroup(USAGE_REGISTRY_GROUP);
+    if (settings.contains(OVERRIDE_SERVER_ADDRESS_REG_KEY)) {
+        const QString stored = settings.value(OVERRIDE_SERVER_ADDRESS_REG_KEY).toString();
+        address = stored.isEmpty() ? QStringLiteral(GUI_HELPERS_DEFAULT_UPDATE_SERVER) : stored;
+    }
+    if (settings.contains(OVERRIDE_SERVER_PORT_REG_KEY)) {
+        const QVariant stored = settings.value(OVERRIDE_SERVER_PORT_REG_KEY);
+        port = isEmptyValue(stored) ? GUI_HELPERS_DEFAULT_UPDATE_PORT : stored.toInt();
+    }
+}
+
+void AbstractUsageStatisticsSingleton::startSendingUsageData(UpdateServerOptions options)
+{
+    allowLogFilesForDev();
+    const bool allowed = allowLogFilesForUser();
+    overrideServerAndPort(options.serverAddress, options.port);
+    if (!allowed)
+        return;
+
+    m_replyHandled.store(false);
+    {
+        QSettings settings;
+        settings.beginGroup(USAGE_REGISTRY_GROUP);
+        const QDate lastSent = QDate::fromString(settings.value(LAST_SENDING_REG_KEY, QString()).toString(), Qt::TextDate);
+        // An empty or unreadable date is invalid and counts as long ago.
+        if (lastSent.isValid() && lastSent >= QDate::currentDate())
+            return;
+    }
+
+    if (!m_serverConnection)
+        m_serverConnection = std::make_unique<UpdateServerComm>(this, options);
+    if (m_logFilePath.isEmpty())
+        return;
+
+    auto* request = new SendUsageDataToServer(*m_serverConnection, m_logFilePath, logFilePrefix(), this);
+    connect(request, &ServerRequest::reply, this, &AbstractUsageStatisticsSingleton::handleReplyFromServer);
+    request->start();
+}
+
+void AbstractUsageStatisticsSingleton::handleReplyFromServer(const veltrax::SettingsFile& settingsFile)
+{
+    if (!settingsFile.hasSubTree(updateserver::ERROR_SECTION, false)) {
+        removeLogFiles();
+        QSettings settings;
+        settings.beginGroup(USAGE_REGISTRY_GROUP);
+        settings.setValue(LAST_SENDING_REG_KEY, QDate::currentDate().toString(Qt::TextDate));
+    }
+    m_replyHandled.store(true);
+    if (m_replyWait)
+        m_replyWait->quit();
+}
+
+void AbstractUsageStatisticsSingleton::terminateServerConnection(int timeout)
+{
+    if (!m_serverConnection)
+        return;
+
+    if (timeout != 0 && !m_replyHandled.load()) {
+        // The reply crosses from the request thread through the event queue, so wait by
+        // running events, at most 100 ms at a time.
+        const QPointer<AbstractUsageStatisticsSingleton> self(this);
+        const VxTimeStamp start = VxTimeStamp_now();
+        while (!m_replyHandled.load()) {
+            const VxTimeStamp left = VxTimeStamp(timeout) - (VxTimeStamp_now() - start);
+            if (left <= 0)
+                break;
+            QEventLoop loop;
+            QTimer::singleShot(int(qMin<VxTimeStamp>(left, 100)), &loop, &QEventLoop::quit);
+            m_replyWait = &loop;
+            loop.exec();
+            if (!self)
+                return; // deleted by something the loop ran
+            m_replyWait = nullptr;
+        }
+        // Something the loop ran may have ended the connection already.
+        if (!m_serverConnection)
+            return;
+    }
+
+    m_serverConnection->terminate();
+    VxTime_msleep(120);
+    m_serverConnection.reset();
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "gui_helpers_export.h"
+#include "updateservercomm.h"
 
 #include <QObject>
 #include <QSet>
@@ -13,6 +14,7 @@
 #include <atomic>
 #include <memory>
 
+class QEventLoop;
 class QFile;
 
 /**
@@ -28,6 +30,12 @@ class QFile;
  * stores it in gAbstractUsageStatisticsSingleton. At start it calls recreateLogFile(), then
  * logUseEvent() for each use, startSendingUsageData() when it wants to send, and at the end
  * logUseEvent(closingEvent()) and cleanup().
+ *
+ * Sending happens at most once per calendar day and only with consent: the finished logs
+ * of this application (those of earlier runs, and this run's once its closing event was
+ * logged) travel to the update server in one USAGE record; once the server has
+ * acknowledged them they are deleted (unless "DeleteLogFiles" forbids it) and the day is
+ * stored under "UsageDataWasSentOn". A failed sending keeps both for a later attempt.
  *
  * Consent and the other choices live in the application's QSettings, group
  * "UsageStatistics"; the anonymous ID is shared by all applications of the organisation
@@ -106,6 +114,32 @@ public:
      */
     void removeLogFiles();
 
+    /**
+     * Sends the finished logs to the update server in @p options, unless the user has not
+     * consented or they were already sent today. "OverrideServerAddress" and
+     * "OverrideServerPort" replace the server (see overrideServerAndPort()). The first
+     * sending opens the connection; later ones in this run reuse it, with its first
+     * options, until terminateServerConnection(). Nothing is sent before the first log
+     * of this run was created. Returns at once; the reply arrives in handleReplyFromServer().
+     *
+     * A call that finds today's sending already done still marks a reply as outstanding, so
+     * terminateServerConnection() with a time-out then waits the full time-out.
+     */
+    void startSendingUsageData(UpdateServerOptions options);
+    /**
+     * Applies the override keys in place. A key that is present but empty selects the
+     * built-in server (GUI_HELPERS_DEFAULT_UPDATE_SERVER) or the built-in port
+     * (GUI_HELPERS_DEFAULT_UPDATE_PORT, 443 unless configured otherwise); an absent key
+     * keeps the given value. The difference is deliberate.
+     */
+    void overrideServerAndPort(QString& address, int& port);
+    /**
+     * Waits up to @p timeout milliseconds (0: not at all), processing events, for the reply
+     * to an outstanding sending; then ends and destroys the connection, so that a later
+     * sending opens a fresh one.
+     */
+    void terminateServerConnection(int timeout);
+
     /** Full path of the current log; ends in "_closed" once that log was closed (the file keeps its name). Empty before the first log. */
     QString logFilePath() const { return m_logFilePath; }
     /** Directory of the logs, ending in a separator; empty before the first log. */
@@ -113,6 +147,15 @@ public:
 
     /** The host's instance; nothing in this class sets it. */
     static AbstractUsageStatisticsSingleton* gAbstractUsageStatisticsSingleton;
+
+public Q_SLOTS:
+    /**
+     * The server's answer to a sending. A tree with a non-empty "error" section means
+     * failure: logs and date stay as they were. Anything else counts as accepted, the empty
+     * tree of a connection that dropped before the acknowledgement included: the sent logs
+     * are deleted (as far as "DeleteLogFiles" allows) and today is stored.
+     */
+    void handleReplyFromServer(const veltrax::SettingsFile& settingsFile);
 
 private:
     Q_DISABLE_COPY(AbstractUsageStatisticsSingleton)
@@ -122,8 +165,11 @@ private:
     std::unique_ptr<QFile> m_logFile;
     QString m_logFilePath;
     QString m_logDirectory;
+    std::unique_ptr<UpdateServerComm> m_serverConnection;
     QSet<QString> m_onceLogged;
     std::atomic<bool> m_replyHandled {true};
+    /** The loop terminateServerConnection() waits in, ended early by the reply. */
+    QEventLoop* m_replyWait = nullptr;
 };
 
 template <> GUI_HELPERS_EXPORT void AbstractUsageStatisticsSingleton::logUseEvent<QString>(QString event, bool once);
