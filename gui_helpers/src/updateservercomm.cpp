@@ -282,7 +282,12 @@ void UpdateServerComm::handleIncomingData()
         socket = m_socket;
     if (!socket || socket != m_socket)
         return;
-    m_receiveBuffer.append(socket->readAll());
+    receiveBytes(socket->readAll());
+}
+
+void UpdateServerComm::receiveBytes(const QByteArray& bytes)
+{
+    m_receiveBuffer.append(bytes);
 
     // A large body arrives in many reads: its header is not parsed again until it is all here.
     if (m_awaitedSize > 0 && m_receiveBuffer.size() < m_awaitedSize)
@@ -338,7 +343,8 @@ void UpdateServerComm::handleIncomingData()
                     m_receiveBuffer.clear();
                     m_readOffset = 0;
                     m_awaitedSize = 0;
-                    socket->abort();
+                    if (m_socket)
+                        m_socket->abort();
                     return;
                 }
                 m_awaitedSize = static_cast<qint64>(m_readOffset) + static_cast<qint64>(result.consumed) + static_cast<qint64>(result.total);

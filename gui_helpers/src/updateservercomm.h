@@ -155,6 +155,14 @@ public Q_SLOTS:
     void handleSocketModeChanged(QSslSocket::SslMode socketMode);
     void handleServerSocketSslErrors(const QList<QSslError>& errors);
 
+protected:
+    /**
+     * The receive path behind handleIncomingData(): appends @p bytes to the receive buffer
+     * and takes every complete reply off its front. Protected so that tests and benchmarks
+     * can feed it bytes without a socket.
+     */
+    void receiveBytes(const QByteArray& bytes);
+
 Q_SIGNALS:
     /** Relays the reply parser's progress (emitted on the owning thread). */
     void currentDownloadProgressChanged(size_t progress, size_t total);
