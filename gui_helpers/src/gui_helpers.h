@@ -23,6 +23,7 @@
 #include "filepathvalidator.h"
 #include "gridsplitter.h"
 #include "serialports.h"
+#include "autoupdate.h"
 #include "timeconversions.h"
 #include "updateservercomm.h"
 #include "updateserverprotocol.h"

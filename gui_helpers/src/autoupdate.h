@@ -1,0 +1,250 @@
+// SPDX-License-Identifier: MIT
+//
+// Automatic updates: the host's interface (AutoUpdatable), the controller that asks the
+// update server for releases and firmware and downloads installers (AutoUpdate), and the
+// dialog that lists the releases (AutoUpdateWindow).
+#pragma once
+
+#include "gui_helpers_export.h"
+#include "journaller.h"
+#include "netmanager.h"
+#include "settingsfile.h"
+#include "updateservercomm.h"
+#include "vxtypes.h"
+
+#include <QDialog>
+#include <QList>
+#include <QMap>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include <cstdint>
+#include <memory>
+
+class QNetworkReply;
+class QProgressDialog;
+class Ui_AutoUpdateWindow;
+
+/**
+ * What the host application tells the automatic-update code about itself. The host
+ * implements it; the library only calls it, and never takes ownership.
+ *
+ * The order of the virtual functions is part of the binary interface and must not change.
+ * reserved1() and reserved2() hold two slots that this library never calls; a host need
+ * not implement them.
+ */
+class GUI_HELPERS_EXPORT AutoUpdatable
+{
+public:
+    virtual ~AutoUpdatable();
+
+    /** Never called by this library. */
+    virtual void reserved1();
+    /** Version of the running application; only major, minor and revision count. */
+    virtual VxVersion currentVersion() const = 0;
+    /** Never called by this library. */
+    virtual void reserved2();
+    /** Product key: the id sent with the LIST request and the name of the reply subtree. */
+    virtual QString productName() const = 0;
+    /** Automatic-check interval in days; 0 means automatic checking is off. */
+    virtual int updateCheckInterval() const = 0;
+    /** Where the update server is; read once when an AutoUpdate is constructed. */
+    virtual UpdateServerOptions updateServerOptions() const = 0;
+    /**
+     * Newest release date (milliseconds since the epoch) that the user's licence covers.
+     * Releases dated later are marked in the update window as not allowed by the licence.
+     * 0 or a negative value means the licence sets no limit.
+     */
+    virtual int64_t licenseDateLimit() const = 0;
+    /** Where the controller logs; may be null. */
+    virtual Journaller* journaller() const = 0;
+    /** Whether the host offers beta releases at all. */
+    virtual bool allowBetaVersions() const = 0;
+};
+
+/**
+ * The non-visual controller of automatic updates.
+ *
+ * refresh() asks the update server for the product's releases and reports the outcome with
+ * versionsUpdated() or failedToGetVersions(); versions() then holds them sorted by their
+ * internal labels. requestFirmwareVersion() asks for the newest firmware of a device and
+ * stores the answer in the application settings (group "firmwareVersions"), where the host
+ * reads it. updateToVersion() downloads a release's installer into a folder that the user
+ * picks. Lives on the GUI thread.
+ *
+ * Release lists: the reply tree holds a subtree named after productName() with one subtree
+ * per release (its internal label) holding "date" (seconds), "url", "beta" and optionally
+ * "releasetype", "infolabel" and "infourl". A malformed release is logged and skipped; a
+ * product subtree without releases is a valid, empty answer.
+ */
+class GUI_HELPERS_EXPORT AutoUpdate : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY(AutoUpdate)
+
+public:
+    /** One release offered by the update server. */
+    struct Version {
+        /** The server's label, e.g. v2021_0_2. */
+        QString internalVersion;
+        /** The label users see, e.g. 2021.0.2. */
+        QString publicVersion;
+        /** Release moment in milliseconds since the epoch. */
+        qint64 date = 0;
+        /** Where the installer is downloaded from. */
+        QString url;
+        bool beta = false;
+        /** Translated "Stable", "Beta", "Patch", or the server's own word. */
+        QString releaseType;
+        /** Text of the "More information" link; empty when there is none. */
+        QString infoLabel;
+        /** Address the link opens; empty when there is none. */
+        QString infoUrl;
+
+        /**
+         * Text order of the internal labels (v1_10_0 before v1_9_0). This is the order of
+         * versions(); it is deliberately not numeric.
+         */
+        bool operator<(const Version& other) const { return internalVersion < other.internalVersion; }
+    };
+
+    /**
+     * Creates the server connection from @p host's options; sends nothing yet. @p host must
+     * not be null and must outlive this object.
+     */
+    explicit AutoUpdate(AutoUpdatable* host, QObject* parent = nullptr);
+    /** Ends running server requests and any download before the connection goes. */
+    ~AutoUpdate() override;
+
+    /** The releases of the last successful list reply, in text order of their labels. */
+    QList<Version> versions() const;
+
+    /**
+     * True when the list holds a stable release newer than the running version, or a newer
+     * beta release while the setting "UpdateCheck/AcceptBeta" is true. Only major, minor
+     * and revision are compared. Writes "AcceptBeta" back so that the key always exists.
+     */
+    bool isNewVersionAvailable() const;
+
+    /**
+     * Asks the server for the firmware of @p id's device type (LIST for legacy ids, LIS2T
+     * for modern ones). Every reply refreshes the settings of all device keys requested so
+     * far: group "firmwareVersions", key = the device-type text, value = public label.
+     */
+    void requestFirmwareVersion(const VxDeviceId& id);
+    /**
+     * The device keys asked for so far, each once, in the order of their first request: the
+     * keys under which the firmware versions are stored. A legacy id's key is the text of
+     * its device type ("03300000"), a modern id's its device-type text ("M-0012000300000000").
+     */
+    QStringList firmwareKeys() const;
+
+    /** Lets download failures be shown in message boxes (off by default). */
+    void setAllowMessageBoxes(bool allow);
+    /** "address:port" of the update server, or empty when there is no connection. */
+    QString serverString() const;
+    /** Makes waiting server requests give up, then waits 120 ms for their threads. */
+    void terminate();
+
+    /** "v<major>_<minor>_<revision>"; build and extra text are dropped. */
+    static QString toInternalVersion(const VxVersion& version);
+    /** Reads "v<major>_<minor>_<revision>" (the whole label); anything else gives 0.0.0. */
+    static VxVersion fromInternalVersion(const QString& label);
+    /**
+     * Display order: numeric by major, minor and revision of the internal labels. Labels
+     * that are not well formed count as 0.0.0.
+     */
+    static bool displayLessThan(const Version& a, const Version& b);
+
+public Q_SLOTS:
+    /** Asks the server for the product's releases. */
+    void refresh();
+    /**
+     * Downloads the installer of the release labelled @p intName and saves it in a folder
+     * that the user chooses. Returns false, doing nothing, when the label is unknown or the
+     * release has no url. @p host is ignored; the host given at construction counts.
+     *
+     * Failures are shown in message boxes when allowed: an HTTP 404 as "Update file not
+     * found", any other HTTP status as "Server returned ...", and a failure without an HTTP
+     * answer (refused connection, unknown host, TLS) with the network error's text. Qt
+     * reports HTTP error statuses as network errors too; they count as HTTP answers here.
+     */
+    bool updateToVersion(const QString& intName, AutoUpdatable* host);
+
+Q_SIGNALS:
+    void versionsUpdated();
+    void failedToGetVersions();
+
+private Q_SLOTS:
+    void handleListReply(const veltrax::SettingsFile& settings);
+    void handleFirmwareListReply(const veltrax::SettingsFile& settings);
+    void replyFinished(QNetworkReply* reply);
+    void abortDownload();
+    void updateDownloadProgress(qint64 received, qint64 total);
+
+private:
+    void log(JournalLogLevel level, const char* function, int line, const std::string& message) const;
+    void saveDownload(QNetworkReply* reply);
+    void showFailure(const QString& text) const;
+
+    AutoUpdatable* m_host;
+    veltrax::NetManager m_netManager;
+    QProgressDialog* m_progressDialog = nullptr;
+    QNetworkReply* m_reply = nullptr;
+    bool m_allowMessageBoxes = false;
+    UpdateServerComm* m_comm = nullptr;
+    Journaller* m_journaller = nullptr;
+    QList<Version> m_versions;
+    QList<VxString> m_firmwareKeys;
+    Version m_pendingVersion;
+};
+
+/**
+ * The dialog that lists the releases offered by the update server, lets the user download
+ * one and set the automatic-check options. It does not store the options: it reports them
+ * with betaChanged() and updateIntervalChanged(), and the host keeps them.
+ */
+class GUI_HELPERS_EXPORT AutoUpdateWindow : public QDialog
+{
+    Q_OBJECT
+    Q_DISABLE_COPY(AutoUpdateWindow)
+
+public:
+    /**
+     * Uses @p autoUpdate when given, else creates a controller of its own. Shows the
+     * releases at once when the controller already has some, else asks it to refresh.
+     */
+    explicit AutoUpdateWindow(AutoUpdatable* host, AutoUpdate* autoUpdate = nullptr, QWidget* parent = nullptr, Qt::WindowFlags flags = {});
+    ~AutoUpdateWindow() override;
+
+    /** Text shown below the table when a new version is available. */
+    void setNewVersionText(const QString& text);
+
+    /** Column number to header text of the version table; filled on first construction. */
+    static QMap<int, QString> colMap;
+
+Q_SIGNALS:
+    /** The user switched reporting of beta releases on or off. */
+    void betaChanged(bool accept);
+    /** New automatic-check interval in days; 0 when automatic checking was switched off. */
+    void updateIntervalChanged(int days);
+
+public Q_SLOTS:
+    /** Rebuilds the table from the controller's releases. */
+    void updateVersionTable();
+    /** Shows that the releases could not be fetched, naming the server. */
+    void reportUpdateFailure();
+    /** Downloads the selected release. */
+    void doUpdate();
+    /** Enables the download button when a row is selected and the table is shown. */
+    void selectionChanged();
+    /** Reports the interval controls' state with updateIntervalChanged(). */
+    void intervalChanged();
+
+private:
+    std::unique_ptr<Ui_AutoUpdateWindow> const ui;
+    AutoUpdatable* m_host;
+    AutoUpdate* m_autoUpdate;
+    int64_t m_licenseDateLimit;
+};
