@@ -72,6 +72,7 @@ constexpr size_t kMaxReplySize = size_t(1) << 30;
 const char* const kCouldNotConnect = "Could not connect to update server";
 const char* const kCertificateFailed = "Certificate verification failed (SSL error)\n";
 const char* const kTerminated = "Terminated";
+const char* const kOwnThread = "Blocking request on the connection's own thread";
 const char* const kUsageTerminated = "Sending of usage statistics was terminated by a T-800. Hasta la vista, baby";
 
 } // namespace
@@ -450,15 +451,28 @@ bool UpdateServerComm::waitForReply()
     return !m_terminated.load();
 }
 
+QString UpdateServerComm::connectionProblem(const char* function)
+{
+    if (QThread::currentThread() == thread()) {
+        // This thread's event loop would have to write the request and read the reply
+        // while we wait for them: the wait could never end.
+        COMM_LOG(JLL_ERROR, function, QStringLiteral("Blocking request on the connection's own thread refused"));
+        return QString::fromLatin1(kOwnThread);
+    }
+    const std::pair<bool, QList<QSslError>> connection = waitForConnection();
+    if (connection.first)
+        return QString();
+    if (connection.second.isEmpty())
+        return QString::fromLatin1(kCouldNotConnect);
+    return QString::fromLatin1(kCertificateFailed) + generateSslErrorMessage(connection.second);
+}
+
 veltrax::SettingsFile UpdateServerComm::blockingRequest(
     const char* function, const char* word, const QString& id, const QString& mask, const QString* version, const std::function<void()>& send)
 {
-    const std::pair<bool, QList<QSslError>> connection = waitForConnection();
-    if (!connection.first) {
-        const QString message = connection.second.isEmpty() ? QString::fromLatin1(kCouldNotConnect)
-                                                            : QString::fromLatin1(kCertificateFailed) + generateSslErrorMessage(connection.second);
-        return errorTree(message, word, &id, &mask, version);
-    }
+    const QString problem = connectionProblem(function);
+    if (!problem.isEmpty())
+        return errorTree(problem, word, &id, &mask, version);
 
     veltrax::Lock lock(m_mutex);
     prepareForReply();
@@ -515,12 +529,9 @@ QByteArray UpdateServerComm::buildUsageRecord(const veltrax::SettingsFile& tree)
 veltrax::SettingsFile UpdateServerComm::prepAndSendUsageDataAndHandleReply(const QString& path, const QString& pattern)
 {
     const char* word = updateserver::USAGE;
-    const std::pair<bool, QList<QSslError>> connection = waitForConnection();
-    if (!connection.first) {
-        const QString message = connection.second.isEmpty() ? QString::fromLatin1(kCouldNotConnect)
-                                                            : QString::fromLatin1(kCertificateFailed) + generateSslErrorMessage(connection.second);
-        return errorTree(message, word, nullptr, nullptr, nullptr);
-    }
+    const QString problem = connectionProblem("prepAndSendUsageDataAndHandleReply");
+    if (!problem.isEmpty())
+        return errorTree(problem, word, nullptr, nullptr, nullptr);
 
     veltrax::Lock lock(m_mutex);
     prepareForReply();

@@ -71,7 +71,8 @@ private:
  * takes the recursive lock for its whole exchange, posts its request line and polls until
  * the owning thread has parsed a reply. So requests are served one at a time. There are no
  * time-outs; terminate() ends every wait. A blocking request must never run on the owning
- * thread, whose event loop has to stay free.
+ * thread, whose event loop has to stay free: there it returns at once with an error tree
+ * ("Blocking request on the connection's own thread").
  *
  * Failures come back as trees with the section "error" (see updateserverprotocol.h), never
  * as exceptions. Construction starts the connection at once; nothing retries on its own.
@@ -170,7 +171,12 @@ Q_SIGNALS:
 private:
     veltrax::SettingsFile blockingRequest(
         const char* function, const char* word, const QString& id, const QString& mask, const QString* version, const std::function<void()>& send);
-    /** Locks, clears the reply, sets the waiting flag; the caller holds the returned lock. */
+    /**
+     * Waits for the connection; empty when it is usable, else the error tree's message.
+     * Refused at once on the owning thread, where the wait could never end.
+     */
+    QString connectionProblem(const char* function);
+    /** Clears the reply fields and sets the waiting flag; the caller holds the lock. */
     void prepareForReply();
     /** Polls the waiting flag; false when terminated. */
     bool waitForReply();

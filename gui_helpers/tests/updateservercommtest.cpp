@@ -122,6 +122,7 @@ private Q_SLOTS:
     void usageRecordCarriesTheClosedLogsOnly();
     void usageRecordWithoutLogsHoldsAnEmptyTree();
     void terminatedUsageSendingSaysSo();
+    void blockingCallOnTheConnectionsThreadIsRefused();
     void deviceStringsWrapTheIdentifierText();
 
 private:
@@ -649,6 +650,21 @@ void UpdateServerCommTest::terminatedUsageSendingSaysSo()
     QCOMPARE(errorText(tree, "message"), std::string("Sending of usage statistics was terminated by a T-800. Hasta la vista, baby"));
     QCOMPARE(errorText(tree, "command"), std::string("USAGE"));
     QVERIFY(!tree.hasSetting("error.id"));
+}
+
+void UpdateServerCommTest::blockingCallOnTheConnectionsThreadIsRefused()
+{
+    // Waiting here would starve the event loop that has to carry the reply.
+    auto server = makeServer();
+    QVERIFY(server);
+    auto comm = connectTo(*server);
+    QVERIFY(comm);
+    const veltrax::SettingsFile tree = comm->get2(QStringLiteral("i"), QStringLiteral("m"), QStringLiteral("v"));
+    QCOMPARE(errorText(tree, "message"), std::string("Blocking request on the connection's own thread"));
+    QCOMPARE(errorText(tree, "command"), std::string("GE2T"));
+    QVERIFY(m_logger->contains(QStringLiteral("get2 Blocking request on the connection's own thread refused")));
+    QTest::qWait(20);
+    QVERIFY(server->received().isEmpty());
 }
 
 void UpdateServerCommTest::deviceStringsWrapTheIdentifierText()
