@@ -2,6 +2,8 @@
 //
 // gui_helpers_demo: a small host application that uses every part of libgui_helpers the way
 // a suite application does. See --help and the README.
+#include "autoupdate.h"
+#include "demohost.h"
 #include "demooptions.h"
 #include "demoservices.h"
 #include "demousagestatistics.h"
@@ -151,8 +153,15 @@ int main(int argc, char** argv)
     // The update server and the upload endpoint: our own on 127.0.0.1 unless named.
     Watchdog::setStage("starting the servers");
     auto services = std::make_unique<DemoServices>(options);
+    std::unique_ptr<DemoHost> host;
+    std::unique_ptr<AutoUpdate> autoUpdate;
     if (services->start()) {
         context.services = services.get();
+        host = std::make_unique<DemoHost>(services->updateServerOptions());
+        autoUpdate = std::make_unique<AutoUpdate>(host.get());
+        autoUpdate->setAllowMessageBoxes(!options.headless());
+        context.host = host.get();
+        context.autoUpdate = autoUpdate.get();
     } else if (options.headless()) {
         std::fprintf(stderr, "gui_helpers_demo: FAILED: %s\n", qPrintable(services->errorString()));
     } else {
@@ -171,6 +180,10 @@ int main(int argc, char** argv)
         result = app.exec();
     }
 
+    // Let waiting server requests give up before their connections go.
+    if (autoUpdate)
+        autoUpdate->terminate();
+    autoUpdate.reset();
     DemoUsageStatistics::log(context.usage->closingEvent());
     AbstractUsageStatisticsSingleton::cleanup();
     services.reset();

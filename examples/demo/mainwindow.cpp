@@ -2,6 +2,8 @@
 #include "mainwindow.h"
 
 #include "aboutbox.h"
+#include "autoupdate.h"
+#include "demohost.h"
 #include "demoservices.h"
 #include "demousagestatistics.h"
 #include "filepathvalidator.h"
@@ -63,6 +65,13 @@ QString sizeText(qint64 bytes)
     return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeTraditionalFormat);
 }
 
+QString publicVersion(const VxVersion& version)
+{
+    return QStringLiteral("%1.%2.%3").arg(version.major()).arg(version.minor()).arg(version.revision());
+}
+
+const QString LastCheckKey = QStringLiteral("Demo/LastUpdateCheck");
+
 } // namespace
 
 MainWindow::MainWindow(DemoContext& context, QWidget* parent)
@@ -76,8 +85,9 @@ MainWindow::MainWindow(DemoContext& context, QWidget* parent)
     m_splitter = new GridSplitter(this);
     m_splitter->setContentsMargins(6, 6, 6, 6);
     QGridLayout* grid = m_splitter->grid();
+    grid->addWidget(createUpdatesPane(), 0, 0);
     grid->addWidget(createUsagePane(), 0, 1);
-    grid->addWidget(createUploadPane(), 0, 0);
+    grid->addWidget(createUploadPane(), 1, 0);
     grid->addWidget(createValidationPane(), 1, 1);
     grid->addWidget(createSerialPortsPane(), 2, 0);
     grid->addWidget(createJournalPane(), 2, 1);
@@ -86,18 +96,35 @@ MainWindow::MainWindow(DemoContext& context, QWidget* parent)
 
     QMenu* fileMenu = menuBar()->addMenu(tr("&File"));
     fileMenu->addAction(tr("&Upload a File…"), this, &MainWindow::chooseAndUploadFile);
+    fileMenu->addAction(tr("Send &Usage Data"), this, &MainWindow::sendUsageData);
     fileMenu->addSeparator();
     fileMenu->addAction(tr("&Quit"), this, &QWidget::close, QKeySequence::Quit);
     QMenu* helpMenu = menuBar()->addMenu(tr("&Help"));
+    helpMenu->addAction(tr("Check for &Updates…"), this, &MainWindow::showUpdateWindow);
     helpMenu->addAction(tr("&About %1…").arg(QCoreApplication::applicationName()), this, &MainWindow::showAboutBox);
 
     statusBar()->showMessage(tr("Journal: %1").arg(QDir::toNativeSeparators(m_context.journalPath)));
     resize(1180, 820);
 
+    if (m_context.autoUpdate) {
+        connect(m_context.autoUpdate, &AutoUpdate::versionsUpdated, this, &MainWindow::showVersions);
+        connect(m_context.autoUpdate, &AutoUpdate::failedToGetVersions, this, &MainWindow::showUpdateFailure);
+        if (!m_context.autoUpdate->versions().isEmpty())
+            showVersions();
+    }
     refreshUsageState();
+    refreshFirmware();
+    // A suite application checks by itself when the interval since the last check has passed.
+    QTimer::singleShot(0, this, &MainWindow::automaticUpdateCheck);
 }
 
 MainWindow::~MainWindow() = default;
+
+QList<quint64> MainWindow::demoDeviceIds()
+{
+    // A modern sensor (product 0007, variant 0002) and a legacy one (class 03, family 3).
+    return {0x0007000200001234ull, 0x0330A1B2ull};
+}
 
 QPixmap MainWindow::logo(int size)
 {
@@ -162,7 +189,9 @@ AboutBox* MainWindow::createAboutBox(QWidget* parent)
         QStringLiteral("Apache License 2.0"),
         QStringLiteral("https://www.apache.org/licenses/LICENSE-2.0"));
 
-    // The check box shows and changes the consent.
+    // "Check for Updates" opens the update window; the check box shows and changes the consent.
+    box->showCheckForUpdatesButton(m_context.autoUpdate != nullptr);
+    connect(box, &AboutBox::checkForUpdates, this, &MainWindow::showUpdateWindow);
     box->showUsageDataCheckbox(true, m_context.usage && m_context.usage->allowLogFilesForUser());
     connect(box, &AboutBox::allowUsageDataGathering, this, &MainWindow::setUsageConsent);
     connect(this, &MainWindow::usageConsentChanged, box, [box](bool allow) {
@@ -179,6 +208,139 @@ void MainWindow::showAboutBox()
         m_aboutBox = createAboutBox(this);
     m_aboutBox->show();
     m_aboutBox->raise();
+}
+
+// ---- automatic updates ----------------------------------------------------------------
+
+AutoUpdateWindow* MainWindow::createUpdateWindow(QWidget* parent)
+{
+    // Shares the main window's controller, so it shows the releases already known.
+    auto* window = new AutoUpdateWindow(m_context.host, m_context.autoUpdate, parent);
+    window->setNewVersionText(
+        tr("A newer version of %1 is available. Select it and press Download to fetch its installer.").arg(QCoreApplication::applicationName()));
+    // Wide enough for the licence remark and the information links side by side.
+    window->resize(880, 420);
+    // The window reports the user's choices; the host stores them.
+    connect(window, &AutoUpdateWindow::betaChanged, m_context.host, &DemoHost::setAcceptBeta);
+    connect(window, &AutoUpdateWindow::updateIntervalChanged, m_context.host, &DemoHost::setUpdateCheckInterval);
+    return window;
+}
+
+void MainWindow::showUpdateWindow()
+{
+    if (!m_context.autoUpdate)
+        return;
+    DemoUsageStatistics::log(QStringLiteral("Update window opened"));
+    if (!m_updateWindow) {
+        m_updateWindow = createUpdateWindow(this);
+        m_updateWindow->setAttribute(Qt::WA_DeleteOnClose);
+    } else {
+        m_context.autoUpdate->refresh();
+    }
+    m_updateWindow->show();
+    m_updateWindow->raise();
+}
+
+void MainWindow::checkForUpdates()
+{
+    if (!m_context.autoUpdate)
+        return;
+    m_updateStateLabel->setText(tr("Asking %1 …").arg(m_context.autoUpdate->serverString()));
+    m_context.autoUpdate->refresh();
+    for (const quint64 id : demoDeviceIds())
+        m_context.autoUpdate->requestFirmwareVersion(VxDeviceId(id));
+    QSettings().setValue(LastCheckKey, xqDateTimeNow());
+    // The firmware answers land in the settings without a signal: look again shortly.
+    QTimer::singleShot(1500, this, &MainWindow::refreshFirmware);
+}
+
+void MainWindow::automaticUpdateCheck()
+{
+    if (!m_context.autoUpdate || !m_context.host)
+        return;
+    const int days = m_context.host->updateCheckInterval();
+    const QDateTime last = QSettings().value(LastCheckKey).toDateTime();
+    if (days <= 0 || (last.isValid() && last.addDays(days) > xqDateTimeNow()))
+        return;
+    JDEBUG("automatic update check (every " << days << " days)");
+    m_automaticCheck = true;
+    checkForUpdates();
+}
+
+void MainWindow::showVersions()
+{
+    const QList<AutoUpdate::Version> versions = m_context.autoUpdate->versions();
+    const VxVersion current = m_context.host->currentVersion();
+    QString newest;
+    for (const AutoUpdate::Version& version : versions) {
+        const VxVersion v = AutoUpdate::fromInternalVersion(version.internalVersion);
+        const bool newer = std::make_tuple(v.major(), v.minor(), v.revision()) > std::make_tuple(current.major(), current.minor(), current.revision());
+        if (newer && !version.beta)
+            newest = tr("%1 (%2)").arg(version.publicVersion, version.releaseType);
+    }
+    const bool available = m_context.autoUpdate->isNewVersionAvailable();
+    QString text = tr("Checked at %1: the server lists %n release(s).", nullptr, versions.size()).arg(xqDateTimeNow().toString(QStringLiteral("hh:mm")));
+    if (available)
+        text += QLatin1Char(' ') + tr("<b>A newer version is available:</b> %1.").arg(newest.isEmpty() ? tr("a beta release") : newest);
+    else
+        text += QLatin1Char(' ') + tr("%1 is up to date.").arg(publicVersion(current));
+    m_updateStateLabel->setText(text);
+    if (available && m_automaticCheck)
+        statusBar()->showMessage(tr("A newer version is available: Help ▸ Check for Updates"), 15000);
+    m_automaticCheck = false;
+    refreshFirmware();
+}
+
+void MainWindow::showUpdateFailure()
+{
+    m_updateStateLabel->setText(tr("<span style=\"color:#b00020\">Could not get the releases from %1.</span> See the journal for the reason.")
+                                    .arg(m_context.autoUpdate->serverString()));
+    m_automaticCheck = false;
+}
+
+void MainWindow::refreshFirmware()
+{
+    if (!m_firmwareLabel)
+        return;
+    QSettings settings;
+    settings.beginGroup(QStringLiteral("firmwareVersions"));
+    QStringList lines;
+    for (const quint64 value : demoDeviceIds()) {
+        const VxDeviceId id(value);
+        // The key under which the controller stores a device's firmware.
+        const QString key = QString::fromStdString((id.isLegacyDeviceId() ? id.deviceType(true).toString() : id.toDeviceTypeString(true)).toStdString());
+        const QString firmware = settings.value(key).toString();
+        lines.append(tr("%1: %2").arg(key, firmware.isEmpty() ? tr("not known yet") : firmware));
+    }
+    m_firmwareLabel->setText(tr("Firmware reported for the demo devices — %1").arg(lines.join(QStringLiteral(", "))));
+}
+
+QWidget* MainWindow::createUpdatesPane()
+{
+    QGroupBox* box = pane(tr("Automatic updates"), this);
+    auto* layout = new QVBoxLayout(box);
+    layout->addWidget(wrappingLabel(tr("Running <b>%1 %2</b> (build %3).")
+                                        .arg(QCoreApplication::applicationName(), publicVersion(DemoHost::runningVersion()))
+                                        .arg(DemoHost::runningVersion().build())));
+    if (m_context.services)
+        layout->addWidget(wrappingLabel(tr("Update server: %1.").arg(m_context.services->updateServerDescription())));
+    m_updateStateLabel = wrappingLabel(m_context.autoUpdate ? tr("Not checked yet in this run.") : tr("Automatic updates are not available."));
+    layout->addWidget(m_updateStateLabel);
+    m_firmwareLabel = wrappingLabel();
+    layout->addWidget(m_firmwareLabel);
+    auto* buttons = new QHBoxLayout;
+    auto* check = new QPushButton(tr("Check now"), box);
+    connect(check, &QPushButton::clicked, this, &MainWindow::checkForUpdates);
+    auto* window = new QPushButton(tr("Update window…"), box);
+    connect(window, &QPushButton::clicked, this, &MainWindow::showUpdateWindow);
+    check->setEnabled(m_context.autoUpdate != nullptr);
+    window->setEnabled(m_context.autoUpdate != nullptr);
+    buttons->addWidget(check);
+    buttons->addWidget(window);
+    buttons->addStretch();
+    layout->addLayout(buttons);
+    layout->addStretch();
+    return box;
 }
 
 // ---- upload ---------------------------------------------------------------------------
@@ -297,6 +459,35 @@ void MainWindow::setUsageConsent(bool allow)
     Q_EMIT usageConsentChanged(allow);
 }
 
+void MainWindow::sendUsageData()
+{
+    if (!m_context.usage || !m_context.services)
+        return;
+    if (!m_context.usage->allowLogFilesForUser()) {
+        m_usageStateLabel->setText(tr("Nothing is sent without the user's consent."));
+        return;
+    }
+    QSettings settings;
+    const QDate sentOn = QDate::fromString(settings.value(QStringLiteral("UsageStatistics/UsageDataWasSentOn")).toString(), Qt::TextDate);
+    if (sentOn.isValid() && sentOn >= QDate::currentDate()) {
+        m_usageStateLabel->setText(tr("Usage data were already sent today; they go at most once a day."));
+        return;
+    }
+    m_context.usage->startSendingUsageData(m_context.services->updateServerOptions());
+    m_usageStateLabel->setText(tr("Sending the finished usage logs …"));
+    // The answer has no signal of its own; the date it stores tells that it arrived.
+    auto* poll = new QTimer(this);
+    auto tries = std::make_shared<int>(0);
+    connect(poll, &QTimer::timeout, this, [this, poll, tries] {
+        const QString text = QSettings().value(QStringLiteral("UsageStatistics/UsageDataWasSentOn")).toString();
+        if (QDate::fromString(text, Qt::TextDate) == QDate::currentDate() || ++*tries > 50) {
+            poll->deleteLater();
+            refreshUsageState();
+        }
+    });
+    poll->start(200);
+}
+
 QWidget* MainWindow::createUsagePane()
 {
     QGroupBox* box = pane(tr("Usage statistics"), this);
@@ -315,8 +506,12 @@ QWidget* MainWindow::createUsagePane()
         DemoUsageStatistics::log(QStringLiteral("Demo button pressed %1").arg(++count));
         refreshUsageState();
     });
+    auto* send = new QPushButton(tr("Send usage data"), box);
+    connect(send, &QPushButton::clicked, this, &MainWindow::sendUsageData);
+    send->setEnabled(m_context.services != nullptr);
     auto* buttons = new QHBoxLayout;
     buttons->addWidget(logEvent);
+    buttons->addWidget(send);
     buttons->addStretch();
     layout->addLayout(buttons);
     layout->addStretch();

@@ -2,10 +2,13 @@
 #include "screenshotrun.h"
 
 #include "aboutbox.h"
+#include "autoupdate.h"
+#include "demohost.h"
 #include "demoservices.h"
 #include "demousagestatistics.h"
 #include "localhttpserver.h"
 #include "mainwindow.h"
+#include "netmanager.h"
 #include "watchdog.h"
 
 #include <QApplication>
@@ -14,6 +17,8 @@
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
+#include <QNetworkReply>
+#include <QNetworkRequest>
 #include <QPixmap>
 #include <QSettings>
 #include <QStandardPaths>
@@ -51,6 +56,11 @@ void settle(int ms = 100)
         ms);
 }
 
+QString usageSentOn()
+{
+    return QSettings().value(QStringLiteral("UsageStatistics/UsageDataWasSentOn")).toString();
+}
+
 } // namespace
 
 ScreenshotRun::ScreenshotRun(DemoContext& context, const QString& directory)
@@ -84,6 +94,136 @@ bool ScreenshotRun::save(QWidget* widget, const QString& fileName)
     }
     report(QStringLiteral("screenshot: %1 (%2x%3)").arg(path).arg(pixmap.width()).arg(pixmap.height()));
     return true;
+}
+
+void ScreenshotRun::checkForUpdates(MainWindow& window)
+{
+    AutoUpdate* autoUpdate = m_context.autoUpdate;
+    Watchdog::setStage("checking for updates");
+    bool answered = false;
+    bool failed = false;
+    const QMetaObject::Connection ok = QObject::connect(autoUpdate, &AutoUpdate::versionsUpdated, [&] {
+        answered = true;
+    });
+    const QMetaObject::Connection bad = QObject::connect(autoUpdate, &AutoUpdate::failedToGetVersions, [&] {
+        answered = failed = true;
+    });
+    window.checkForUpdates();
+    const bool inTime = waitUntil(
+        [&] {
+            return answered;
+        },
+        20000);
+    QObject::disconnect(ok);
+    QObject::disconnect(bad);
+    if (!inTime) {
+        failure(QStringLiteral("no answer from the update server at %1 within 20 s").arg(autoUpdate->serverString()));
+        return;
+    }
+    if (failed) {
+        failure(QStringLiteral("the update server at %1 gave no releases (see the journal)").arg(autoUpdate->serverString()));
+        return;
+    }
+
+    QList<AutoUpdate::Version> versions = autoUpdate->versions();
+    std::sort(versions.begin(), versions.end(), AutoUpdate::displayLessThan);
+    QStringList listed;
+    for (const AutoUpdate::Version& version : qAsConst(versions))
+        listed.append(QStringLiteral("%1 (%2)").arg(version.publicVersion, version.releaseType));
+    report(QStringLiteral("update check: %1 releases found: %2").arg(versions.size()).arg(listed.join(QStringLiteral(", "))));
+
+    const VxVersion current = m_context.host->currentVersion();
+    const QString running = QStringLiteral("%1.%2.%3").arg(current.major()).arg(current.minor()).arg(current.revision());
+    const AutoUpdate::Version* newest = nullptr;
+    for (const AutoUpdate::Version& version : qAsConst(versions)) {
+        const VxVersion v = AutoUpdate::fromInternalVersion(version.internalVersion);
+        if (!version.beta && std::make_tuple(v.major(), v.minor(), v.revision()) > std::make_tuple(current.major(), current.minor(), current.revision()))
+            newest = &version;
+    }
+    if (autoUpdate->isNewVersionAvailable())
+        report(QStringLiteral("newer version: yes, %1 is newer than the running %2").arg(newest ? newest->publicVersion : QStringLiteral("a beta"), running));
+    else
+        report(QStringLiteral("newer version: no, the running %1 is the newest").arg(running));
+
+    // The installer is on a web server of its own; ask it whether the file is there.
+    if (newest && !newest->url.isEmpty()) {
+        Watchdog::setStage("asking for the installer");
+        veltrax::NetManager manager;
+        QNetworkRequest request {QUrl(newest->url)};
+        request.setTransferTimeout(10000);
+        QNetworkReply* reply = manager->head(request);
+        waitUntil(
+            [reply] {
+                return reply->isFinished();
+            },
+            15000);
+        const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        if (reply->isFinished() && reply->error() == QNetworkReply::NoError && status == 200)
+            report(QStringLiteral("installer: %1 is there (%2 bytes)").arg(newest->url).arg(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong()));
+        else
+            failure(
+                QStringLiteral("installer %1 is not available: %2").arg(newest->url, reply->isFinished() ? reply->errorString() : QStringLiteral("no answer")));
+        reply->abort();
+        reply->deleteLater();
+    }
+
+    // Firmware answers arrive in the settings, without a signal.
+    Watchdog::setStage("waiting for the firmware lists");
+    QStringList keys;
+    for (const quint64 value : MainWindow::demoDeviceIds()) {
+        const VxDeviceId id(value);
+        keys.append(QString::fromStdString((id.isLegacyDeviceId() ? id.deviceType(true).toString() : id.toDeviceTypeString(true)).toStdString()));
+    }
+    const auto firmwareOf = [](const QString& key) {
+        return QSettings().value(QStringLiteral("firmwareVersions/") + key).toString();
+    };
+    if (waitUntil(
+            [&] {
+                return std::all_of(keys.cbegin(), keys.cend(), [&](const QString& key) {
+                    return !firmwareOf(key).isEmpty();
+                });
+            },
+            10000)) {
+        QStringList found;
+        for (const QString& key : qAsConst(keys))
+            found.append(QStringLiteral("%1 -> %2").arg(key, firmwareOf(key)));
+        report(QStringLiteral("firmware: %1").arg(found.join(QStringLiteral(", "))));
+        window.refreshFirmware();
+    } else {
+        failure(QStringLiteral("no firmware versions arrived for %1").arg(keys.join(QStringLiteral(", "))));
+    }
+}
+
+void ScreenshotRun::sendUsageData()
+{
+    Watchdog::setStage("sending the usage data");
+    DemoUsageStatistics* usage = m_context.usage;
+    if (!usage->allowLogFilesForUser()) {
+        report(QStringLiteral("usage data: not sent, the user has not consented"));
+        return;
+    }
+    const QDate sentBefore = QDate::fromString(usageSentOn(), Qt::TextDate);
+    if (sentBefore.isValid() && sentBefore >= QDate::currentDate()) {
+        report(QStringLiteral("usage data: not sent, already sent today (at most once a day)"));
+        return;
+    }
+    // Only finished logs travel; end this session's log and start the next, as a restart would.
+    DemoUsageStatistics::log(QStringLiteral("Screenshots requested"));
+    DemoUsageStatistics::log(usage->closingEvent());
+    settle(5); // the next log's name holds the time in milliseconds
+    usage->recreateLogFile();
+    usage->startSendingUsageData(m_context.services->updateServerOptions());
+    usage->terminateServerConnection(20000);
+    if (QDate::fromString(usageSentOn(), Qt::TextDate) != QDate::currentDate()) {
+        failure(QStringLiteral("usage data were not accepted by the update server at %1 (see the journal)").arg(m_context.autoUpdate->serverString()));
+        return;
+    }
+    QString where;
+    if (!m_context.services->inboxDirectory().isEmpty()) {
+        const int logs = QDir(m_context.services->inboxDirectory()).entryList({QStringLiteral("*.log")}, QDir::Files).size();
+        where = QStringLiteral("; the server's inbox %1 holds %2 log(s)").arg(m_context.services->inboxDirectory()).arg(logs);
+    }
+    report(QStringLiteral("usage data: sent, the server accepted the finished logs%1").arg(where));
 }
 
 void ScreenshotRun::upload(MainWindow& window)
@@ -136,13 +276,23 @@ int ScreenshotRun::exec()
     report(QStringLiteral("update server: %1").arg(m_context.services->updateServerDescription()));
     report(QStringLiteral("upload endpoint: %1").arg(m_context.services->tusDescription()));
 
+    // As if the user had ticked "Check for Beta versions": the beta shows, with its licence remark.
+    m_context.host->setAcceptBeta(true);
+    report(QStringLiteral("beta releases: accepted (\"UpdateCheck/AcceptBeta\" set, as the update window's check box does)"));
+
     MainWindow window(m_context);
+    checkForUpdates(window);
+    sendUsageData();
+    window.refreshUsageState();
     upload(window);
 
     Watchdog::setStage("rendering the windows");
     AboutBox* about = window.createAboutBox(&window);
     save(about, QStringLiteral("about-box.png"));
     about->hide();
+    AutoUpdateWindow* updates = window.createUpdateWindow(&window);
+    save(updates, QStringLiteral("update-window.png"));
+    updates->hide();
     save(&window, QStringLiteral("main-window.png"));
 
     if (!m_failures.isEmpty()) {

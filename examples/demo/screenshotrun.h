@@ -24,6 +24,8 @@ public:
     int exec();
 
 private:
+    void checkForUpdates(MainWindow& window);
+    void sendUsageData();
     void upload(MainWindow& window);
     void report(const QString& line);
     void failure(const QString& line);

@@ -2,11 +2,11 @@
 //
 // The demo's headless run, as a new user starts it: a real process, real servers on
 // loopback, real PNG files.
+#include <QDir>
 #include <QFileInfo>
 #include <QHostAddress>
 #include <QImage>
 #include <QProcess>
-#include <QRegularExpression>
 #include <QSet>
 #include <QTcpServer>
 #include <QTemporaryDir>
@@ -47,13 +47,15 @@ private:
     }
 
     QTemporaryDir m_dir;
+    QTemporaryDir m_profile;
     Run m_run;
 
 private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
-        m_run = runDemo({QStringLiteral("--screenshots"), m_dir.path()});
+        QVERIFY(m_profile.isValid());
+        m_run = runDemo({QStringLiteral("--screenshots"), m_dir.path(), QStringLiteral("--profile"), m_profile.path()});
     }
 
     void headlessRunSucceeds()
@@ -66,6 +68,7 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("file");
         QTest::newRow("about box") << QStringLiteral("about-box.png");
+        QTest::newRow("update window") << QStringLiteral("update-window.png");
         QTest::newRow("main window") << QStringLiteral("main-window.png");
     }
     void screenshotIsWritten()
@@ -86,12 +89,33 @@ private Q_SLOTS:
     void outputReports_data()
     {
         QTest::addColumn<QString>("line");
+        QTest::newRow("releases of the demo catalogue")
+            << QStringLiteral("update check: 5 releases found: 2020.3.1 (Stable), 2021.0.2 (Stable), 2021.1.0 (Stable), 2021.1.2 (Patch), 2022.0.0 (Beta)");
+        QTest::newRow("newer version") << QStringLiteral("newer version: yes, 2021.1.2 is newer than the running 2021.1.0");
+        QTest::newRow("installer on the local web server") << QStringLiteral("installer: http://127.0.0.1:");
+        // The controller keeps the smallest label of each firmware list.
+        QTest::newRow("firmware of both demo devices") << QStringLiteral("firmware: M-0007000200000000 -> 4.2.0, 03300000 -> 1.7.3");
+        QTest::newRow("usage data accepted") << QStringLiteral("usage data: sent, the server accepted the finished logs; the server's inbox");
         QTest::newRow("upload arrived intact") << QStringLiteral("the endpoint's copy matches");
     }
     void outputReports()
     {
         QFETCH(QString, line);
         QVERIFY2(m_run.out.contains(line), qPrintable(m_run.out));
+    }
+
+    void usageLogReachedTheServerInbox()
+    {
+        // The log of the finished session, as the reference server stored it.
+        const QDir inbox(m_profile.filePath(QStringLiteral("data/Veltrax/GuiHelpersDemo/server-inbox")));
+        const QStringList logs = inbox.entryList({QStringLiteral("GuiHelpersDemo_*.log")}, QDir::Files);
+        QCOMPARE(logs.size(), 1);
+        QFile log(inbox.filePath(logs.constFirst()));
+        QVERIFY(log.open(QIODevice::ReadOnly));
+        const QByteArray text = log.readAll();
+        QVERIFY2(text.startsWith("Version 2021.1.0 build 6323") && text.contains("\nAnonRefID: ") && text.contains(" Screenshots requested\n")
+                && text.contains(" Application closed\n"),
+            text.constData());
     }
 
     void missingUpdateServerProgramFailsClearly()
@@ -101,6 +125,30 @@ private Q_SLOTS:
             = runDemo({QStringLiteral("--screenshots"), shots.path(), QStringLiteral("--update-server-program"), QStringLiteral("/nonexistent/server")}, 30000);
         QCOMPARE(run.exitCode, 1);
         QVERIFY2(run.err.contains(QLatin1String("FAILED: /nonexistent/server is not an executable program")), qPrintable(run.err));
+    }
+
+    void unreachableUpdateServerIsReported()
+    {
+        // A port on which nothing listens: the check and the usage sending must fail, not hang.
+        quint16 port = 0;
+        {
+            QTcpServer probe;
+            QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
+            port = probe.serverPort();
+        }
+        QTemporaryDir shots;
+        const Run run = runDemo({QStringLiteral("--screenshots"),
+                                    shots.path(),
+                                    QStringLiteral("--server"),
+                                    QStringLiteral("127.0.0.1"),
+                                    QStringLiteral("--port"),
+                                    QString::number(port)},
+            60000);
+        QCOMPARE(run.exitCode, 1);
+        QVERIFY2(run.err.contains(QLatin1String("gave no releases")), qPrintable(run.err));
+        QVERIFY2(run.out.contains(QLatin1String("result: ")), qPrintable(run.out));
+        // The windows are still rendered.
+        QVERIFY(QFileInfo::exists(shots.filePath(QStringLiteral("update-window.png"))));
     }
 
     void aHangingStartIsCutOffByTheTimeout()
