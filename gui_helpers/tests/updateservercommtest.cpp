@@ -114,6 +114,7 @@ private Q_SLOTS:
     void largeReplyInManyReadsArrivesWhole();
     void bytesThatAreNoReplyAreDiscarded();
     void connectionDroppedMidReplyGivesEmptyTree();
+    void replyTooLargeToHoldBreaksTheConnection();
     void noServerGivesCouldNotConnect();
     void untrustedCertificateIsRefusedAndExplained();
     void terminateEndsAWaitingRequest();
@@ -428,6 +429,25 @@ void UpdateServerCommTest::connectionDroppedMidReplyGivesEmptyTree()
     QCOMPARE(catcher.replies.first().size(), size_t(0));
     QVERIFY(!catcher.replies.first().hasSubTree("error"));
     QVERIFY(m_logger->contains(QStringLiteral("list Received CLOSED instead of LIST")));
+}
+
+void UpdateServerCommTest::replyTooLargeToHoldBreaksTheConnection()
+{
+    // Buffering a body of this size would exhaust memory long before it completed.
+    auto server = makeServer();
+    QVERIFY(server);
+    server->setResponder([](QSslSocket* socket, const QByteArray&) {
+        socket->write("LIST 99999999999 \x2a");
+    });
+    auto comm = connectTo(*server);
+    QVERIFY(comm);
+    ReplyCatcher catcher;
+    auto* request = new ServerListRequest(*comm, QStringLiteral("p"), QString());
+    catcher.watch(request);
+    request->start();
+    QTRY_COMPARE_WITH_TIMEOUT(catcher.replies.size(), 1, kWait);
+    QCOMPARE(catcher.replies.first().size(), size_t(0));
+    QVERIFY(m_logger->contains(QStringLiteral("handleIncomingData Reply of 99999999999 bytes exceeds the limit")));
 }
 
 void UpdateServerCommTest::noServerGivesCouldNotConnect()
