@@ -44,7 +44,7 @@ inline uint64_t mix(uint64_t h, uint64_t word)
 }
 } // namespace
 
-size_t CaseInsensitiveHash::operator()(const std::string& key) const noexcept
+size_t CaseInsensitiveHash::operator()(const std::string& key) const
 {
     // The same value as hashing a lower-cased copy, without making the copy; eight bytes
     // per step because this runs once per record when a byte form is read.
@@ -58,7 +58,8 @@ size_t CaseInsensitiveHash::operator()(const std::string& key) const noexcept
     }
     if (n) {
         uint64_t word = 0;
-        std::memcpy(&word, p, n);
+        for (size_t i = 0; i < n; ++i)
+            word |= uint64_t(static_cast<unsigned char>(p[i])) << (8 * i);
         h = mix(h, lower8(word));
     }
     return size_t(h ^ (h >> 32));

@@ -23,9 +23,14 @@
 namespace veltrax
 {
 
-/** Hash of the lower-cased key (ASCII), so that keys differing in case collide. */
+/**
+ * Hash of the lower-cased key (ASCII), so that keys differing in case collide.
+ * Deliberately not noexcept: that makes the standard library keep each key's hash in
+ * its map node, so growing a map never hashes again and a look-up compares hashes
+ * before it compares keys.
+ */
 struct VXCOMMON_EXPORT CaseInsensitiveHash {
-    size_t operator()(const std::string& key) const noexcept;
+    size_t operator()(const std::string& key) const;
 };
 /** Equality after ASCII lower-casing. */
 struct VXCOMMON_EXPORT CaseInsensitiveEqual {

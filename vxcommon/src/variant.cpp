@@ -1667,11 +1667,25 @@ int Variant::serialize(char* buffer) const
 
 void Variant::serialize(VxByteArray& out) const
 {
+    // The common kinds directly; the rest measure first, then write.
     switch (m_type) {
+    case Bool: {
+        char* p = out.grow(2);
+        p[0] = char(m_type);
+        p[1] = as<bool>() ? 1 : 0;
+        return;
+    }
     case Int32: {
         char* p = out.grow(5);
         *p++ = char(m_type);
         store(p, as<int32_t>());
+        return;
+    }
+    case Double:
+    case Int64: {
+        char* p = out.grow(9);
+        *p++ = char(m_type);
+        store(p, as<int64_t>());
         return;
     }
     case ShortString:

@@ -234,7 +234,7 @@ void VxByteArray::append(const VxByteArray& other)
     append(other.m_data, other.m_size);
 }
 
-char* VxByteArray::grow(size_t count)
+char* VxByteArray::growSlowly(size_t count)
 {
     if (count > SIZE_MAX - m_size)
         throw std::bad_alloc();

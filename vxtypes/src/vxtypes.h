@@ -91,7 +91,16 @@ public:
      * Grows the array by @p count bytes left uninitialised and returns a pointer to the
      * first of them, for writers that fill them in place (growth by doubling, as append).
      */
-    char* grow(size_t count);
+    char* grow(size_t count)
+    {
+        // Inline fast path: writers call this once or twice per record.
+        if (!m_view && count <= m_capacity - m_size) {
+            char* first = m_data + m_size;
+            m_size += count;
+            return first;
+        }
+        return growSlowly(count);
+    }
     char operator[](size_t index) const { return m_data[index]; }
     char& operator[](size_t index);
     std::string toStdString() const { return std::string(m_data ? m_data : "", m_size); }
@@ -100,6 +109,7 @@ public:
 
 private:
     void detach(size_t minCapacity);
+    char* growSlowly(size_t count);
 
     char* m_data = nullptr;
     size_t m_size = 0;
