@@ -69,6 +69,7 @@ private Q_SLOTS:
     void unknownIdGivesAnErrorTree();
     void plainGetIsRefused();
     void usageLogsLandInTheInbox();
+    void usageWithoutInboxIsRefused();
     void faultSwitches_data();
     void faultSwitches();
     void neverAnsweringServerIsEndedByTerminate();
@@ -154,6 +155,19 @@ void ReferenceUpdateServerTest::usageLogsLandInTheInbox()
     QCOMPARE(stored(QStringLiteral("Demo_usage_a.log")), first);
     QCOMPARE(stored(QStringLiteral("Demo_usage_b.log")), second);
     QVERIFY(m_server.process().waitForOutputLine(QStringLiteral("-> ACK, 2 logs stored")));
+}
+
+void ReferenceUpdateServerTest::usageWithoutInboxIsRefused()
+{
+    UpdateServerProcess noInbox(&m_server.certificates());
+    noInbox.setUseInbox(false);
+    QVERIFY2(noInbox.start(), qPrintable(noInbox.errorString()));
+    QTemporaryDir logs;
+    QVERIFY(logs.isValid());
+    UpdateServerComm comm(nullptr, noInbox.options());
+    const veltrax::SettingsFile tree = runRequest<SendUsageDataToServer>(comm, logs.filePath(QStringLiteral("A_1.log")), QStringLiteral("A_"));
+    QCOMPARE(errorText(tree, "message"), std::string("Usage data are not accepted here"));
+    QCOMPARE(errorText(tree, "command"), std::string("USAGE"));
 }
 
 void ReferenceUpdateServerTest::faultSwitches_data()
