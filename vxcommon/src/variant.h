@@ -244,8 +244,9 @@ public:
     /**
      * Reads the text form made by writeToString() from the zero-terminated @p text.
      * Strings take the rest of the text without trailing CR/LF; with @p hexText they are
-     * decoded from hexadecimal. An unknown tag leaves an Empty variant. Returns the
-     * characters consumed.
+     * decoded from hexadecimal. A tag that is no kind gives a variant of that tag
+     * without a value (type() returns it, it converts to nothing and is written back as
+     * it came); an empty text gives Empty. Returns the characters consumed.
      */
     int readFromString(const char* text, bool hexText = false);
 
@@ -256,8 +257,8 @@ public:
     /**
      * Reads tag and payload at @p position of @p in; returns the bytes consumed. Fewer
      * than 2 bytes left: nothing is read and 0 is returned. A payload that runs past the
-     * data throws std::out_of_range("index out of range"). A tag that is no kind leaves
-     * an Empty variant and consumes the tag byte alone.
+     * data throws std::out_of_range("index out of range"). A tag that is no kind gives
+     * a variant of that tag without a value and consumes the tag byte alone.
      */
     int deserialize(const VxByteArray& in, int position);
     /** The same on the bytes [data, end). */

@@ -64,16 +64,13 @@ private Q_SLOTS:
     void eraseRemovesOneLabel();
     void removeEmptySubTreesKeepsFilledOnes();
     void modifiedFlagPropagatesUpAndClearsDown();
-    void fullNameAndRoot();
     void copyIsDeepAndIndependent();
     void assignmentFromOwnSubTree();
     void bulkOperations_data();
     void bulkOperations();
     void replacePrefixRenames();
     void updateValuesTakesOnlyExisting();
-    void getAllAndFlattenedSortWithoutCase();
     void importPutsUnderPrefix();
-    void otherShapesOfAccess();
     void deepPathsAreBounded();
 };
 
@@ -338,17 +335,6 @@ void SettingsFileTest::modifiedFlagPropagatesUpAndClearsDown()
     QVERIFY(t.isModified());
 }
 
-void SettingsFileTest::fullNameAndRoot()
-{
-    SettingsFile t;
-    SettingsFile& b = t.subTree("a.b");
-    QCOMPARE(b.getFullName("rate"), std::string("a.b.rate"));
-    QCOMPARE(b.getFullName(), std::string("a.b"));
-    QCOMPARE(t.getFullName("top"), std::string("top"));
-    QCOMPARE(&b.root(), &t);
-    QCOMPARE(&t.root(), &t);
-}
-
 void SettingsFileTest::copyIsDeepAndIndependent()
 {
     SettingsFile t = sample();
@@ -456,25 +442,6 @@ void SettingsFileTest::updateValuesTakesOnlyExisting()
     QCOMPARE(t.setting("rate").toInt32(), 10);
 }
 
-void SettingsFileTest::getAllAndFlattenedSortWithoutCase()
-{
-    SettingsFile t;
-    t.setSetting("b", Variant(1));
-    t.setSetting("A.x", Variant(2));
-    t.setSetting("c", Variant(3));
-    SettingsFile::SortedSettings sorted;
-    t.getAll(sorted, "p.");
-    QStringList keys;
-    for (const auto& e : sorted)
-        keys << QString::fromStdString(e.first);
-    QCOMPARE(keys, (QStringList {"p.A.x", "p.b", "p.c"}));
-    SettingsFile::HashedSettings hashed;
-    t.getAll(hashed);
-    QCOMPARE(hashed.size(), size_t(3));
-    QCOMPARE(hashed.at("a.X").toInt32(), 2);
-    QCOMPARE(names(t), (QStringList {"A.x", "b", "c"}));
-}
-
 void SettingsFileTest::importPutsUnderPrefix()
 {
     SettingsFile t;
@@ -482,29 +449,12 @@ void SettingsFileTest::importPutsUnderPrefix()
     QCOMPARE(t.import(sample(), "in."), size_t(7));
     QCOMPARE(t.size(), size_t(8));
     QCOMPARE(t.setting("in.a.b.rate").toInt32(), 3);
+    SettingsFile::SortedSettings sorted;
+    t.getAll(sorted, "P.");
+    QCOMPARE(sorted.begin()->first, std::string("P.in.a.b.count"));
+    QCOMPARE(sorted.rbegin()->first, std::string("P.keep"));
     QCOMPARE(t.import(t, "self."), size_t(8)); // importing from itself sees the content before the import
     QCOMPARE(t.size(), size_t(16));
-}
-
-void SettingsFileTest::otherShapesOfAccess()
-{
-    SettingsFile t;
-    t["a.b"] = Variant(5);
-    QCOMPARE(t.setting("a.b").toInt32(), 5);
-    t << SettingsFile::Setting("c", Variant(true));
-    QVERIFY(t.setting("c").toBool());
-    QVERIFY(!t.setSettingIfValid("d", Variant()));
-    QVERIFY(t.setSettingIfValid("d", Variant(0)));
-    QVERIFY(t.hasSetting("d"));
-    t.addSetting("e", "text");
-    QCOMPARE(t.getSetting("a.", "b").toInt32(), 5);
-    QCOMPARE(t.getSetting(nullptr, "e").toStdString(), std::string("text"));
-    t.setSetting("x.", "y", Variant(1));
-    QVERIFY(t.hasSetting("x.", "y"));
-    QCOMPARE(t.setting("x.", "y").toInt32(), 1);
-    t.findValueRef("f") = Variant(2.0);
-    QCOMPARE(t.findValue("f")->toDouble(), 2.0);
-    QVERIFY(t.findValue("g", false) == nullptr);
 }
 
 void SettingsFileTest::deepPathsAreBounded()
