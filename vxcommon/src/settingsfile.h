@@ -234,7 +234,9 @@ public:
      * are there, VXRV_DATAOVERFLOW for an implausible count or a scrambled body with a
      * run of more than 7 zero bytes (tree unchanged in these cases), std::out_of_range
      * "index out of range" for a record or payload that runs past the data (the tree
-     * then holds the records read before it).
+     * then holds the records read before it). A scrambled form's length is unknown
+     * until it is unscrambled, so the zero-run check covers every byte from @p offset
+     * to the end of @p in: keep a '#' form last in its array.
      */
     int deserialize(const VxByteArray& in, int offset = 0);
     /** Writes the records of this node and its subtrees under @p prefix; returns how many. */
