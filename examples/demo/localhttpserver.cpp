@@ -6,6 +6,7 @@
 #include <QHostAddress>
 #include <QPointer>
 #include <QTcpSocket>
+#include <QTimer>
 #include <QUuid>
 
 namespace
@@ -79,6 +80,11 @@ public:
         socket->setParent(this);
         connect(socket, &QTcpSocket::readyRead, this, &HttpConnection::readMore);
         connect(socket, &QTcpSocket::disconnected, this, &HttpConnection::finish);
+        // A client that goes quiet gives its place back.
+        m_idle.setSingleShot(true);
+        m_idle.setInterval(LocalHttpServer::IdleTimeoutMs);
+        connect(&m_idle, &QTimer::timeout, this, &HttpConnection::close);
+        m_idle.start();
     }
     ~HttpConnection() override
     {
@@ -89,6 +95,7 @@ public:
 private:
     void readMore()
     {
+        m_idle.start();
         m_in += m_socket->readAll();
         while (!m_closing && parseOne()) { }
     }
@@ -217,6 +224,7 @@ private:
     qint64 m_bodyLength = -1;
     bool m_closing = false;
     bool m_finished = false;
+    QTimer m_idle;
 };
 
 LocalHttpServer::LocalHttpServer(const QString& storeDirectory, QObject* parent)

@@ -28,8 +28,8 @@ class QTcpSocket;
  * bad metadata 400, a body beyond the declared length 413. Uploads are written to files in
  * the store directory.
  *
- * Requests are read with fixed limits (header block, body size, connections), so no client
- * can make the server grow without bound; a request beyond them is answered with an error
+ * Requests are read with fixed limits (header block, body size, connections, idle time), so
+ * no client can make the server grow without bound or hold a place for ever; a request beyond them is answered with an error
  * and the connection closed. Chunked request bodies are refused (411).
  */
 class LocalHttpServer : public QTcpServer
@@ -40,6 +40,8 @@ public:
     static constexpr qint64 MaxBodyBytes = 40 * 1024 * 1024;
     static constexpr qint64 MaxUploadBytes = 1024ll * 1024 * 1024;
     static constexpr int MaxConnections = 64;
+    /** A connection without a byte from its client for this long is closed. */
+    static constexpr int IdleTimeoutMs = 30000;
 
     /** Uploads are stored in @p storeDirectory (created when missing). */
     explicit LocalHttpServer(const QString& storeDirectory, QObject* parent = nullptr);

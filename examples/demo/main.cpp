@@ -135,11 +135,13 @@ int main(int argc, char** argv)
         useProfile(options.profileDir);
     else if (options.headless())
         useProfile(throwawayProfile.path());
+    const bool throwaway = options.profileDir.isEmpty() && options.headless();
 
     // The journal: a file in the application's data directory, shown live in the main window.
     const QString dataDir = QStandardPaths::writableLocation(QStandardPaths::AppDataLocation);
     QDir().mkpath(dataDir);
     DemoContext context;
+    context.throwawayProfile = throwaway;
     context.journalPath = QDir(dataDir).filePath(QStringLiteral("gui_helpers_demo.journal"));
     gJournal = new Journaller(VxString(QFile::encodeName(context.journalPath).toStdString()), true, JLL_DEBUG);
     gJournal->setDebugLevel(static_cast<JournalLogLevel>(options.verbosity), false);

@@ -31,6 +31,8 @@ struct DemoContext {
     AutoUpdate* autoUpdate = nullptr;
     /** Where the journal file is. */
     QString journalPath;
+    /** Settings and data live in a directory that goes away at exit. */
+    bool throwawayProfile = false;
 };
 
 /** The main window. */

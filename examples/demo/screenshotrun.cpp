@@ -221,7 +221,10 @@ void ScreenshotRun::sendUsageData()
     QString where;
     if (!m_context.services->inboxDirectory().isEmpty()) {
         const int logs = QDir(m_context.services->inboxDirectory()).entryList({QStringLiteral("*.log")}, QDir::Files).size();
-        where = QStringLiteral("; the server's inbox %1 holds %2 log(s)").arg(m_context.services->inboxDirectory()).arg(logs);
+        where = QStringLiteral("; the server's inbox %1 holds %2 log(s)%3")
+                    .arg(m_context.services->inboxDirectory())
+                    .arg(logs)
+                    .arg(m_context.throwawayProfile ? QStringLiteral(" (removed at exit; --profile DIR keeps it)") : QString());
     }
     report(QStringLiteral("usage data: sent, the server accepted the finished logs%1").arg(where));
 }
