@@ -1,0 +1,281 @@
+// SPDX-License-Identifier: MIT
+//
+// The demo's local HTTP server: installers, the tus endpoint, and what it does with requests
+// that are not well-formed. Raw bytes over loopback, and the library's own uploader.
+#include "localhttpserver.h"
+#include "tusuploader.h"
+#include "variant.h"
+
+#include <QSignalSpy>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace
+{
+
+/** One raw exchange: the status line's code and the whole answer. */
+struct Answer {
+    int status = 0;
+    QByteArray headers;
+    QByteArray body;
+    bool closed = false;
+
+    QByteArray header(const QByteArray& name) const
+    {
+        for (const QByteArray& line : headers.split('\n')) {
+            const int colon = line.indexOf(':');
+            if (colon > 0 && line.left(colon).trimmed().compare(name, Qt::CaseInsensitive) == 0)
+                return line.mid(colon + 1).trimmed();
+        }
+        return QByteArray();
+    }
+};
+
+} // namespace
+
+class LocalHttpServerTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    /** Sends @p request and reads one answer (bounded); the server runs in this thread. */
+    Answer exchange(const QByteArray& request)
+    {
+        QTcpSocket socket;
+        socket.connectToHost(QHostAddress::LocalHost, m_server->serverPort());
+        Answer answer;
+        if (!QTest::qWaitFor(
+                [&] {
+                    return socket.state() == QAbstractSocket::ConnectedState;
+                },
+                5000))
+            return answer;
+        socket.write(request);
+        QByteArray in;
+        const auto complete = [&] {
+            in += socket.readAll();
+            const int end = in.indexOf("\r\n\r\n");
+            if (end < 0)
+                return socket.state() != QAbstractSocket::ConnectedState;
+            const QByteArray head = in.left(end);
+            Answer probe;
+            probe.headers = head;
+            const qint64 length = probe.header("Content-Length").toLongLong();
+            const bool headOnly = request.startsWith("HEAD ");
+            return headOnly || in.size() - end - 4 >= length || socket.state() != QAbstractSocket::ConnectedState;
+        };
+        QTest::qWaitFor(complete, 5000);
+        const int end = in.indexOf("\r\n\r\n");
+        if (end < 0) {
+            answer.closed = true;
+            return answer;
+        }
+        answer.headers = in.left(end);
+        answer.body = in.mid(end + 4);
+        const QList<QByteArray> statusLine = answer.headers.left(answer.headers.indexOf('\r')).split(' ');
+        answer.status = statusLine.size() > 1 ? statusLine.at(1).toInt() : -1;
+        return answer;
+    }
+
+    static QByteArray tusRequest(const QByteArray& method, const QByteArray& path, const QByteArray& extra, const QByteArray& body = QByteArray())
+    {
+        return method + ' ' + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nTus-Resumable: 1.0.0\r\n" + extra + "Content-Length: " + QByteArray::number(body.size())
+            + "\r\n\r\n" + body;
+    }
+
+    /** Creates an upload of @p length bytes; its path ("/files/<id>"). */
+    QByteArray create(qint64 length)
+    {
+        const Answer answer = exchange(tusRequest("POST", "/files", "Upload-Length: " + QByteArray::number(length) + "\r\n"));
+        if (answer.status != 201)
+            return QByteArray();
+        return QUrl(QString::fromUtf8(answer.header("Location"))).path().toUtf8();
+    }
+
+    static QByteArray patchHeaders(qint64 offset)
+    {
+        return "Upload-Offset: " + QByteArray::number(offset) + "\r\nContent-Type: application/offset+octet-stream\r\n";
+    }
+
+    QTemporaryDir m_dir;
+    std::unique_ptr<LocalHttpServer> m_server;
+    QString m_installerUrl;
+
+private Q_SLOTS:
+    void init()
+    {
+        QVERIFY(m_dir.isValid());
+        m_server = std::make_unique<LocalHttpServer>(m_dir.filePath(QStringLiteral("store")));
+        QVERIFY(m_server->start());
+        m_installerUrl = m_server->addFile(QStringLiteral("setup.run"), QByteArray("#!/bin/sh\nexit 0\n"));
+    }
+    void cleanup() { m_server.reset(); }
+
+    void installerIsServed_data()
+    {
+        QTest::addColumn<QByteArray>("method");
+        QTest::addColumn<QByteArray>("path");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("body");
+        QTest::newRow("get") << QByteArray("GET") << QByteArray("/installers/setup.run") << 200 << QByteArray("#!/bin/sh\nexit 0\n");
+        QTest::newRow("head has the length, no body") << QByteArray("HEAD") << QByteArray("/installers/setup.run") << 200 << QByteArray();
+        QTest::newRow("query ignored") << QByteArray("GET") << QByteArray("/installers/setup.run?x=1") << 200 << QByteArray("#!/bin/sh\nexit 0\n");
+        QTest::newRow("unknown installer") << QByteArray("GET") << QByteArray("/installers/other.run") << 404 << QByteArray();
+        QTest::newRow("no way out of the directory") << QByteArray("GET") << QByteArray("/installers/../store") << 404 << QByteArray();
+        QTest::newRow("post not allowed") << QByteArray("POST") << QByteArray("/installers/setup.run") << 405 << QByteArray();
+        QTest::newRow("unknown path") << QByteArray("GET") << QByteArray("/") << 404 << QByteArray();
+    }
+    void installerIsServed()
+    {
+        QFETCH(QByteArray, method);
+        QFETCH(QByteArray, path);
+        QFETCH(int, status);
+        QFETCH(QByteArray, body);
+        const Answer answer = exchange(method + ' ' + path + " HTTP/1.1\r\nHost: x\r\n\r\n");
+        QCOMPARE(answer.status, status);
+        QCOMPARE(answer.body, body);
+        if (method == "HEAD")
+            QCOMPARE(answer.header("Content-Length"), QByteArray("17"));
+    }
+
+    void malformedRequestIsRefused_data()
+    {
+        QTest::addColumn<QByteArray>("request");
+        QTest::addColumn<int>("status");
+        QTest::newRow("not http") << QByteArray("HELLO\r\n\r\n") << 400;
+        QTest::newRow("header line without colon") << QByteArray("GET / HTTP/1.1\r\nbroken\r\n\r\n") << 400;
+        QTest::newRow("negative length") << QByteArray("GET / HTTP/1.1\r\nContent-Length: -5\r\n\r\n") << 400;
+        QTest::newRow("length with letters") << QByteArray("GET / HTTP/1.1\r\nContent-Length: 5x\r\n\r\n") << 400;
+        QTest::newRow("body beyond the limit") << QByteArray("PATCH /files/x HTTP/1.1\r\nContent-Length: 999999999999\r\n\r\n") << 413;
+        QTest::newRow("chunked body") << QByteArray("POST /files HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n") << 411;
+        QTest::newRow("header block too large") << QByteArray("GET / HTTP/1.1\r\nX: " + QByteArray(LocalHttpServer::MaxHeaderBytes + 10, 'a') + "\r\n\r\n")
+                                                << 431;
+        QTest::newRow("header block without end") << QByteArray("GET / HTTP/1.1\r\nX: " + QByteArray(LocalHttpServer::MaxHeaderBytes + 10, 'a')) << 431;
+    }
+    void malformedRequestIsRefused()
+    {
+        QFETCH(QByteArray, request);
+        QFETCH(int, status);
+        QCOMPARE(exchange(request).status, status);
+        // The server is still there for the next client.
+        QCOMPARE(exchange("GET /installers/setup.run HTTP/1.1\r\n\r\n").status, 200);
+    }
+
+    void pipelinedRequestsAreAnsweredInOrder()
+    {
+        QTcpSocket socket;
+        socket.connectToHost(QHostAddress::LocalHost, m_server->serverPort());
+        QVERIFY(socket.waitForConnected(5000));
+        socket.write("GET /installers/setup.run HTTP/1.1\r\n\r\nGET /nope HTTP/1.1\r\n\r\nHEAD /installers/setup.run HTTP/1.1\r\n\r\n");
+        QByteArray in;
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                in += socket.readAll();
+                return in.count("HTTP/1.1 ") == 3;
+            },
+            5000));
+        const int ok = in.indexOf("HTTP/1.1 200");
+        const int missing = in.indexOf("HTTP/1.1 404");
+        QVERIFY(ok >= 0 && missing > ok && in.lastIndexOf("HTTP/1.1 200") > missing);
+    }
+
+    void tusRequest_data()
+    {
+        QTest::addColumn<QByteArray>("method");
+        QTest::addColumn<QByteArray>("extra");
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<qint64>("offsetAfter");
+        // Each row runs on a fresh upload of 10 bytes of which 4 have arrived.
+        QTest::newRow("patch at the offset") << QByteArray("PATCH") << patchHeaders(4) << QByteArray("5678") << 204 << qint64(8);
+        QTest::newRow("patch to the end") << QByteArray("PATCH") << patchHeaders(4) << QByteArray("567890") << 204 << qint64(10);
+        QTest::newRow("patch at a wrong offset") << QByteArray("PATCH") << patchHeaders(3) << QByteArray("4567") << 409 << qint64(4);
+        QTest::newRow("patch beyond the length") << QByteArray("PATCH") << patchHeaders(4) << QByteArray("5678901") << 413 << qint64(4);
+        QTest::newRow("patch without offset") << QByteArray("PATCH") << QByteArray("Content-Type: application/offset+octet-stream\r\n") << QByteArray("56")
+                                              << 400 << qint64(4);
+        QTest::newRow("patch of another type") << QByteArray("PATCH") << QByteArray("Upload-Offset: 4\r\nContent-Type: text/plain\r\n") << QByteArray("56")
+                                               << 415 << qint64(4);
+        QTest::newRow("head") << QByteArray("HEAD") << QByteArray() << QByteArray() << 200 << qint64(4);
+        QTest::newRow("get is not tus") << QByteArray("GET") << QByteArray() << QByteArray() << 405 << qint64(4);
+    }
+    void tusRequest()
+    {
+        QFETCH(QByteArray, method);
+        QFETCH(QByteArray, extra);
+        QFETCH(QByteArray, body);
+        QFETCH(int, status);
+        QFETCH(qint64, offsetAfter);
+        const QByteArray path = create(10);
+        QVERIFY(!path.isEmpty());
+        QCOMPARE(exchange(tusRequest("PATCH", path, patchHeaders(0), "1234")).status, 204);
+
+        const Answer answer = exchange(tusRequest(method, path, extra, body));
+        QCOMPARE(answer.status, status);
+        const Answer head = exchange(tusRequest("HEAD", path, QByteArray()));
+        QCOMPARE(head.header("Upload-Offset").toLongLong(), offsetAfter);
+        QCOMPARE(head.header("Upload-Length"), QByteArray("10"));
+    }
+
+    void creationIsRefused_data()
+    {
+        QTest::addColumn<QByteArray>("request");
+        QTest::addColumn<int>("status");
+        QTest::newRow("without Tus-Resumable") << QByteArray("POST /files HTTP/1.1\r\nUpload-Length: 5\r\n\r\n") << 412;
+        QTest::newRow("other tus version") << QByteArray("POST /files HTTP/1.1\r\nTus-Resumable: 0.2.2\r\nUpload-Length: 5\r\n\r\n") << 412;
+        QTest::newRow("without length") << tusRequest("POST", "/files", QByteArray()) << 400;
+        QTest::newRow("length too large") << tusRequest("POST", "/files", "Upload-Length: " + QByteArray::number(LocalHttpServer::MaxUploadBytes + 1) + "\r\n")
+                                          << 413;
+        QTest::newRow("metadata not base64") << tusRequest("POST", "/files", "Upload-Length: 5\r\nUpload-Metadata: name !!!\r\n") << 400;
+        QTest::newRow("unknown upload") << tusRequest("HEAD", "/files/0123456789abcdef", QByteArray()) << 404;
+        QTest::newRow("patch on the collection") << tusRequest("PATCH", "/files", patchHeaders(0), "ab") << 405;
+    }
+    void creationIsRefused()
+    {
+        QFETCH(QByteArray, request);
+        QFETCH(int, status);
+        QCOMPARE(exchange(request).status, status);
+        QVERIFY(m_server->uploads().isEmpty());
+    }
+
+    void uploaderSendsAFileInChunks()
+    {
+        // The library's uploader against this endpoint, as the demo uses them.
+        QByteArray content;
+        for (int i = 0; i < 300000; ++i)
+            content.append(static_cast<char>(i * 7));
+        const QString path = m_dir.filePath(QStringLiteral("recording.bin"));
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(content);
+        file.close();
+
+        TusUploader uploader(m_server->tusUrl());
+        uploader.setChunkSize(64 * 1024);
+        QString metadata;
+        TusUploader::appendMetaData(metadata, QStringLiteral("filename"), veltrax::Variant(std::string("recording.bin")));
+        QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
+        QSignalSpy failed(&uploader, &TusUploader::uploadFailed);
+        QSignalSpy completed(m_server.get(), &LocalHttpServer::uploadCompleted);
+        QVERIFY(uploader.startUploadFile(path, metadata));
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                return !finished.isEmpty() || !failed.isEmpty();
+            },
+            20000));
+        QCOMPARE(failed.count(), 0);
+        QCOMPARE(completed.count(), 1);
+
+        const QList<LocalHttpServer::Upload> uploads = m_server->uploads();
+        QCOMPARE(uploads.size(), 1);
+        QCOMPARE(uploader.serverFilePath(), m_server->tusUrl() + QLatin1Char('/') + uploads.constFirst().id);
+        QFile stored(uploads.constFirst().path);
+        QVERIFY(stored.open(QIODevice::ReadOnly));
+        QCOMPARE(stored.readAll(), content);
+        // A string travels as its JSON text, quotes included.
+        QCOMPARE(uploads.constFirst().metadata.value(QStringLiteral("filename")), QByteArray("\"recording.bin\""));
+    }
+};
+
+QTEST_GUILESS_MAIN(LocalHttpServerTest)
+#include "localhttpservertest.moc"
