@@ -3,6 +3,7 @@
 // The client against the reference update server as a separate process: catalogue
 // answers, usage logs into the inbox, the fault switches, and the program's own checks of
 // its command line.
+#include "serverrequests.h"
 #include "settingsfile.h"
 #include "updateservercomm.h"
 #include "updateserverprocess.h"
@@ -18,25 +19,6 @@ namespace
 {
 
 constexpr int kWait = 15000;
-
-/** Runs one request on its own thread and returns its reply (bounded wait). */
-template <typename Request, typename... Args> veltrax::SettingsFile runRequest(UpdateServerComm& comm, Args... args)
-{
-    // A reply that comes after the time-out goes to a receiver that is gone: it is dropped.
-    QList<veltrax::SettingsFile> replies;
-    QObject receiver;
-    auto* request = new Request(comm, args...);
-    QObject::connect(request, &ServerRequest::reply, &receiver, [&](const veltrax::SettingsFile& tree) {
-        replies.append(tree);
-    });
-    request->start();
-    const auto replied = [&] {
-        return !replies.isEmpty();
-    };
-    if (!QTest::qWaitFor(replied, kWait))
-        qWarning("no reply within %d ms", kWait);
-    return replies.value(0);
-}
 
 std::string errorText(const veltrax::SettingsFile& tree, const char* key)
 {
@@ -211,19 +193,13 @@ void ReferenceUpdateServerTest::neverAnsweringServerIsEndedByTerminate()
     UpdateServerProcess silent(&m_server.certificates());
     silent.setExtraArguments({QStringLiteral("--never-answer")});
     QVERIFY2(silent.start(), qPrintable(silent.errorString()));
-    QList<veltrax::SettingsFile> replies;
-    QObject receiver; // outlives the connection, so no late reply reaches a dead list
     UpdateServerComm comm(nullptr, silent.options());
-    auto* request = new ServerListRequest(comm, QStringLiteral("ProductA"), QString());
-    connect(request, &ServerRequest::reply, &receiver, [&](const veltrax::SettingsFile& tree) {
-        replies.append(tree);
-    });
-    request->start();
+    PendingReply pending(new ServerListRequest(comm, QStringLiteral("ProductA"), QString()));
     QVERIFY(silent.process().waitForOutputLine(QStringLiteral("(no answer)")));
-    QVERIFY(replies.isEmpty());
+    QVERIFY(!pending.received());
     comm.terminate();
-    QTRY_COMPARE_WITH_TIMEOUT(replies.size(), 1, kWait);
-    QCOMPARE(errorText(replies.first(), "message"), std::string("Terminated"));
+    QVERIFY(pending.wait(kWait));
+    QCOMPARE(errorText(pending.tree(), "message"), std::string("Terminated"));
 }
 
 void ReferenceUpdateServerTest::jsonCatalogueIsRead()

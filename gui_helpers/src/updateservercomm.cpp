@@ -601,10 +601,16 @@ void ServerRequest::run()
     m_comm.decRequests();
 }
 
-ServerListRequest::ServerListRequest(UpdateServerComm& comm, const QString& id, const QString& mask, QObject* parent)
+ServerLookupRequest::ServerLookupRequest(UpdateServerComm& comm, const QString& id, const QString& mask, const QString& version, QObject* parent)
     : ServerRequest(comm, parent)
     , m_id(id)
     , m_mask(mask)
+    , m_version(version)
+{
+}
+
+ServerListRequest::ServerListRequest(UpdateServerComm& comm, const QString& id, const QString& mask, QObject* parent)
+    : ServerLookupRequest(comm, id, mask, QString(), parent)
 {
 }
 
@@ -614,9 +620,7 @@ void ServerListRequest::doRequest()
 }
 
 ServerList2Request::ServerList2Request(UpdateServerComm& comm, const QString& id, const QString& mask, QObject* parent)
-    : ServerRequest(comm, parent)
-    , m_id(id)
-    , m_mask(mask)
+    : ServerLookupRequest(comm, id, mask, QString(), parent)
 {
 }
 
@@ -626,10 +630,7 @@ void ServerList2Request::doRequest()
 }
 
 ServerGetRequest::ServerGetRequest(UpdateServerComm& comm, const QString& id, const QString& mask, const QString& version, QObject* parent)
-    : ServerRequest(comm, parent)
-    , m_id(id)
-    , m_mask(mask)
-    , m_version(version)
+    : ServerLookupRequest(comm, id, mask, version, parent)
 {
 }
 
@@ -639,10 +640,7 @@ void ServerGetRequest::doRequest()
 }
 
 ServerGet2Request::ServerGet2Request(UpdateServerComm& comm, const QString& id, const QString& mask, const QString& version, QObject* parent)
-    : ServerRequest(comm, parent)
-    , m_id(id)
-    , m_mask(mask)
-    , m_version(version)
+    : ServerLookupRequest(comm, id, mask, version, parent)
 {
 }
 

@@ -239,8 +239,20 @@ protected:
     Q_DISABLE_COPY(ServerRequest)
 };
 
+/** The look-ups: an id, a mask and, for the GET forms, a version, kept for doRequest(). */
+class GUI_HELPERS_EXPORT ServerLookupRequest : public ServerRequest
+{
+    Q_OBJECT
+protected:
+    ServerLookupRequest(UpdateServerComm& comm, const QString& id, const QString& mask, const QString& version, QObject* parent);
+
+    const QString m_id;
+    const QString m_mask;
+    const QString m_version;
+};
+
 /** LIST id mask. */
-class GUI_HELPERS_EXPORT ServerListRequest : public ServerRequest
+class GUI_HELPERS_EXPORT ServerListRequest : public ServerLookupRequest
 {
     Q_OBJECT
 public:
@@ -248,14 +260,10 @@ public:
 
 protected:
     void doRequest() override;
-
-private:
-    QString m_id;
-    QString m_mask;
 };
 
 /** LIS2T id mask. */
-class GUI_HELPERS_EXPORT ServerList2Request : public ServerRequest
+class GUI_HELPERS_EXPORT ServerList2Request : public ServerLookupRequest
 {
     Q_OBJECT
 public:
@@ -263,14 +271,10 @@ public:
 
 protected:
     void doRequest() override;
-
-private:
-    QString m_id;
-    QString m_mask;
 };
 
 /** GET id mask version (see UpdateServerComm::get()). */
-class GUI_HELPERS_EXPORT ServerGetRequest : public ServerRequest
+class GUI_HELPERS_EXPORT ServerGetRequest : public ServerLookupRequest
 {
     Q_OBJECT
 public:
@@ -278,15 +282,10 @@ public:
 
 protected:
     void doRequest() override;
-
-private:
-    QString m_id;
-    QString m_mask;
-    QString m_version;
 };
 
 /** GE2T id mask version. */
-class GUI_HELPERS_EXPORT ServerGet2Request : public ServerRequest
+class GUI_HELPERS_EXPORT ServerGet2Request : public ServerLookupRequest
 {
     Q_OBJECT
 public:
@@ -294,11 +293,6 @@ public:
 
 protected:
     void doRequest() override;
-
-private:
-    QString m_id;
-    QString m_mask;
-    QString m_version;
 };
 
 /** Sends the closed usage logs beside @p logFilePath whose names contain @p pattern. */

@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "testcertificates.h"
+#include "testhelpers.h"
 
-#include <QFile>
 #include <QProcess>
 #include <QSslConfiguration>
 #include <QSslKey>
 
 TestCertificates::TestCertificates() = default;
 
-bool TestCertificates::runOpenssl(const QStringList& arguments)
+bool TestCertificates::runOpenssl(const QString& command)
 {
+    const QStringList arguments = QProcess::splitCommand(command);
     QProcess openssl;
     openssl.setWorkingDirectory(m_dir.path());
     openssl.setProcessChannelMode(QProcess::MergedChannels);
@@ -33,76 +34,33 @@ bool TestCertificates::create()
         m_error = QStringLiteral("no temporary directory");
         return false;
     }
-    QFile ext(m_dir.filePath(QStringLiteral("server.ext")));
-    if (!ext.open(QIODevice::WriteOnly)) {
-        m_error = ext.errorString();
+    if (!writeFile(m_dir.filePath(QStringLiteral("server.ext")),
+            "basicConstraints=CA:FALSE\n"
+            "keyUsage=digitalSignature,keyEncipherment\n"
+            "extendedKeyUsage=serverAuth\n"
+            "subjectAltName=DNS:localhost,IP:127.0.0.1\n")) {
+        m_error = QStringLiteral("cannot write server.ext");
         return false;
     }
-    ext.write("basicConstraints=CA:FALSE\n"
-              "keyUsage=digitalSignature,keyEncipherment\n"
-              "extendedKeyUsage=serverAuth\n"
-              "subjectAltName=DNS:localhost,IP:127.0.0.1\n");
-    ext.close();
 
-    return runOpenssl({QStringLiteral("req"),
-               QStringLiteral("-x509"),
-               QStringLiteral("-newkey"),
-               QStringLiteral("rsa:2048"),
-               QStringLiteral("-nodes"),
-               QStringLiteral("-days"),
-               QStringLiteral("2"),
-               QStringLiteral("-subj"),
-               QStringLiteral("/CN=Test CA"),
-               QStringLiteral("-keyout"),
-               QStringLiteral("ca.key"),
-               QStringLiteral("-out"),
-               QStringLiteral("ca.pem")})
-        && runOpenssl({QStringLiteral("req"),
-            QStringLiteral("-newkey"),
-            QStringLiteral("rsa:2048"),
-            QStringLiteral("-nodes"),
-            QStringLiteral("-subj"),
-            QStringLiteral("/CN=localhost"),
-            QStringLiteral("-keyout"),
-            QStringLiteral("server.key"),
-            QStringLiteral("-out"),
-            QStringLiteral("server.csr")})
-        && runOpenssl({QStringLiteral("x509"),
-            QStringLiteral("-req"),
-            QStringLiteral("-in"),
-            QStringLiteral("server.csr"),
-            QStringLiteral("-CA"),
-            QStringLiteral("ca.pem"),
-            QStringLiteral("-CAkey"),
-            QStringLiteral("ca.key"),
-            QStringLiteral("-CAcreateserial"),
-            QStringLiteral("-days"),
-            QStringLiteral("2"),
-            QStringLiteral("-extfile"),
-            QStringLiteral("server.ext"),
-            QStringLiteral("-out"),
-            QStringLiteral("server.pem")});
-}
-
-static QByteArray readAllOf(const QString& path)
-{
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    return runOpenssl(QStringLiteral("req -x509 -newkey rsa:2048 -nodes -days 2 -subj \"/CN=Test CA\" -keyout ca.key -out ca.pem"))
+        && runOpenssl(QStringLiteral("req -newkey rsa:2048 -nodes -subj /CN=localhost -keyout server.key -out server.csr"))
+        && runOpenssl(QStringLiteral("x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile server.ext -out server.pem"));
 }
 
 QSslCertificate TestCertificates::caCertificate() const
 {
-    return QSslCertificate(readAllOf(caCertificatePath()), QSsl::Pem);
+    return QSslCertificate(readFile(caCertificatePath()), QSsl::Pem);
 }
 
 QSslCertificate TestCertificates::serverCertificate() const
 {
-    return QSslCertificate(readAllOf(serverCertificatePath()), QSsl::Pem);
+    return QSslCertificate(readFile(serverCertificatePath()), QSsl::Pem);
 }
 
 QSslKey TestCertificates::serverKey() const
 {
-    return QSslKey(readAllOf(serverKeyPath()), QSsl::Rsa, QSsl::Pem);
+    return QSslKey(readFile(serverKeyPath()), QSsl::Rsa, QSsl::Pem);
 }
 
 void trustCertificateAuthority(const QSslCertificate& ca)

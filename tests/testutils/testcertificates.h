@@ -35,7 +35,8 @@ public:
     QString errorString() const { return m_error; }
 
 private:
-    bool runOpenssl(const QStringList& arguments);
+    /** Runs openssl in the directory with @p command's arguments (quoted as in a shell). */
+    bool runOpenssl(const QString& command);
 
     QTemporaryDir m_dir;
     QString m_error;
