@@ -221,15 +221,35 @@ void Journaller::log(JournalLogLevel level, const std::string& text)
     const size_t prefixLength = formatPrefix(prefix, sizeof prefix);
     const char* levelText = journalLevelText(level);
 
+    // The usual line is one piece: nothing pending on this thread and a message that does
+    // not end a line itself. It is assembled in a buffer of the thread's own, so the lock
+    // only covers the tag and the write, which keeps concurrent writers from queueing.
+    const bool onePiece = !text.empty() && text.back() != '\n' && text.back() != '\r';
+    static thread_local std::string assembled;
+    if (onePiece) {
+        assembled.assign(prefix, prefixLength);
+        assembled.append(levelText, 8);
+        assembled.append(text);
+        assembled.push_back('\n');
+    }
+
     std::lock_guard<std::mutex> lock(m_threader->m_mutex);
     JournalThreader::ThreadLine& tl = m_threader->entry(JournalThreader::currentThreadId());
     tl.level = level;
-    appendPieceLocked(tl, prefix, prefixLength);
-    if (!m_tag.empty())
-        appendPieceLocked(tl, m_tag.data(), m_tag.size());
-    appendPieceLocked(tl, levelText, 8);
-    appendPieceLocked(tl, text.data(), text.size());
-    appendPieceLocked(tl, "\n", 1);
+    if (onePiece && tl.line.empty()) {
+        if (!m_tag.empty())
+            assembled.insert(prefixLength, m_tag);
+        tl.line.swap(assembled);
+        flushLineLocked(tl);
+        tl.line.swap(assembled);
+    } else {
+        appendPieceLocked(tl, prefix, prefixLength);
+        if (!m_tag.empty())
+            appendPieceLocked(tl, m_tag.data(), m_tag.size());
+        appendPieceLocked(tl, levelText, 8);
+        appendPieceLocked(tl, text.data(), text.size());
+        appendPieceLocked(tl, "\n", 1);
+    }
     if (level >= m_flushLevel.load(std::memory_order_relaxed) && m_file) {
         flushLineLocked(tl);
         m_file->flush();

@@ -138,6 +138,26 @@ private Q_SLOTS:
         QCOMPARE(err.contains("probe"), toStderr);
     }
 
+    void pendingPieceJoinsTheNextLine()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("j.log"));
+        {
+            Journaller j(path.toStdString(), true, JLL_DEBUG);
+            j.setDebugLevel(JLL_DISABLE, false);
+            j.setTag("t ");
+            j.writeMessage("pending ");
+            j.log(JLL_ERROR, "joined");
+            j.log(JLL_ERROR, "alone");
+        }
+        const QList<QByteArray> lines = readAll(path).split('\n');
+        QCOMPARE(lines.size(), 3);
+        QVERIFY(lines[0].startsWith("pending "));
+        QVERIFY(lines[0].endsWith("t [ERROR] joined"));
+        QVERIFY(!lines[1].startsWith("pending"));
+        QVERIFY(lines[1].endsWith("> t [ERROR] alone"));
+    }
+
     void messageEndingInLineBreakCompletesLineEarly()
     {
         QTemporaryDir dir;

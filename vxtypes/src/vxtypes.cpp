@@ -430,6 +430,13 @@ void VxFile::close()
     }
 }
 
+// A log writes many short lines; a larger stdio buffer means fewer write calls.
+static void useLargeBuffer(FILE* file)
+{
+    if (file)
+        setvbuf(file, nullptr, _IOFBF, 64 * 1024);
+}
+
 VxFile VxFile_openText(const VxString& name)
 {
     VxFile file;
@@ -438,6 +445,7 @@ VxFile VxFile_openText(const VxString& name)
     file.m_file = fopen(name.c_str(), "r+");
     if (file.m_file && fseek(file.m_file, 0, SEEK_END) != 0)
         file.close();
+    useLargeBuffer(file.m_file);
     return file;
 }
 
@@ -446,6 +454,7 @@ VxFile VxFile_createText(const VxString& name)
     VxFile file;
     file.m_name = name;
     file.m_file = fopen(name.c_str(), "w");
+    useLargeBuffer(file.m_file);
     return file;
 }
 
