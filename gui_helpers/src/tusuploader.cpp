@@ -187,22 +187,10 @@ void TusUploader::sendStart()
 
 void TusUploader::onCreateFinished()
 {
-    auto* reply = qobject_cast<QNetworkReply*>(sender());
+    veltrax::Lock lock(m_mutex);
+    QNetworkReply* reply = takeFinishedReply(201, __func__, QStringLiteral("creation of %1").arg(m_filePath));
     if (!reply)
         return;
-    reply->deleteLater();
-
-    veltrax::Lock lock(m_mutex);
-    if (reply != m_reply)
-        return; // a request of an earlier upload
-    m_reply = nullptr;
-
-    const int status = httpStatus(reply);
-    if (status != 201) {
-        if (reply->error() == QNetworkReply::NoError)
-            JALERT("creation of " << m_filePath << " answered " << status << ", not 201; waiting");
-        return;
-    }
 
     m_location = reply->rawHeader(QByteArrayLiteral("Location"));
     if (m_location.isEmpty()) {
@@ -296,22 +284,9 @@ QString TusUploader::patchNextChunk()
 
 void TusUploader::onPatchFinished()
 {
-    auto* reply = qobject_cast<QNetworkReply*>(sender());
-    if (!reply)
-        return;
-    reply->deleteLater();
-
     veltrax::Lock lock(m_mutex);
-    if (reply != m_reply)
-        return; // a request of an earlier upload
-    m_reply = nullptr;
-
-    const int status = httpStatus(reply);
-    if (status != 204) {
-        if (reply->error() == QNetworkReply::NoError)
-            JALERT("chunk at " << m_offset << " of " << m_filePath << " answered " << status << ", not 204; waiting");
+    if (!takeFinishedReply(204, __func__, QStringLiteral("chunk at %1 of %2").arg(m_offset).arg(m_filePath)))
         return;
-    }
 
     m_offset += m_currentChunkLength;
     if (m_offset < m_fileSize) {
@@ -369,36 +344,53 @@ void TusUploader::onProgress(qint64 bytesSent, qint64 bytesTotal)
     Q_EMIT uploadProgress(filePath, bytesTotal, actualSent, percent, bytesPerSecond);
 }
 
+QNetworkReply* TusUploader::takeFinishedReply(int expectedStatus, const char* caller, const QString& step)
+{
+    auto* reply = qobject_cast<QNetworkReply*>(sender());
+    if (!reply)
+        return nullptr;
+    reply->deleteLater();
+    if (reply != m_reply)
+        return nullptr; // a request of an earlier upload
+    m_reply = nullptr;
+
+    const int status = httpStatus(reply);
+    if (status == expectedStatus)
+        return reply;
+    // Failures are onNetworkError()'s to handle; an unexpected success status waits.
+    if (reply->error() == QNetworkReply::NoError)
+        JLOG_AS(JLL_ALERT, caller, step << " answered " << status << ", not " << expectedStatus << "; waiting");
+    return nullptr;
+}
+
 void TusUploader::finish(veltrax::Lock& lock)
 {
-    Q_ASSERT(m_mutex.recursionCount() == 1);
-    closeFile();
-    m_state = TusState::Finish;
-    const QString filePath = m_filePath;
-    const bool deleteSelf = m_deleteOnFinished;
-    JDEBUG(filePath << " complete, " << m_fileSize << " bytes");
-    lock.unlock();
-
-    // A slot may delete us.
-    QPointer<TusUploader> self(this);
-    Q_EMIT uploadFinished(filePath);
-    if (self && deleteSelf)
-        deleteLater();
+    JDEBUG(m_filePath << " complete, " << m_fileSize << " bytes");
+    end(lock, TusState::Finish, QString());
 }
 
 void TusUploader::fail(veltrax::Lock& lock, const QString& reason)
 {
+    JERROR(m_filePath << ": " << reason);
+    end(lock, TusState::Error, reason);
+}
+
+void TusUploader::end(veltrax::Lock& lock, TusState state, const QString& reason)
+{
     // Callers are slots entered from the event loop, so this lock is the only hold.
     Q_ASSERT(m_mutex.recursionCount() == 1);
-    JERROR(m_filePath << ": " << reason);
-    m_state = TusState::Error;
+    m_state = state;
     closeFile();
     const QString filePath = m_filePath;
     const bool deleteSelf = m_deleteOnFinished;
     lock.unlock();
 
+    // A slot may delete us.
     QPointer<TusUploader> self(this);
-    Q_EMIT uploadFailed(filePath, reason);
+    if (state == TusState::Finish)
+        Q_EMIT uploadFinished(filePath);
+    else
+        Q_EMIT uploadFailed(filePath, reason);
     if (self && deleteSelf)
         deleteLater();
 }

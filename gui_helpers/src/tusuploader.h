@@ -164,10 +164,18 @@ private:
 
     /** Sends the chunk at the acknowledged offset; returns why it could not, or empty. */
     QString patchNextChunk();
+    /**
+     * The reply that sent finished(), when it is the request in flight and answered
+     * @p expectedStatus; otherwise null, and @p step's unexpected status is logged for
+     * @p caller. The reply is deleted later in every case. Call with the lock held.
+     */
+    QNetworkReply* takeFinishedReply(int expectedStatus, const char* caller, const QString& step);
     /** Ends the upload in state Finish and reports it; call with the lock held once. */
     void finish(veltrax::Lock& lock);
     /** Ends the upload in state Error and reports @p reason; call with the lock held once. */
     void fail(veltrax::Lock& lock, const QString& reason);
+    /** What finish() and fail() share: the state, the file, the signal, deleteOnFinished. */
+    void end(veltrax::Lock& lock, TusState state, const QString& reason);
     void closeFile();
 
     const QString m_serverUrl;

@@ -3,12 +3,11 @@
 // TusUploader resending a step after a transport failure. Each case waits out the fixed
 // 5000 ms retry delay once, so they are kept together here, apart from the quick cases.
 #include "hookeduploader.h"
+#include "testhelpers.h"
 #include "tusserverprocess.h"
 #include "tusuploader.h"
 
 #include <QElapsedTimer>
-#include <QFile>
-#include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -20,15 +19,6 @@ constexpr int RetryUploadTimeoutMs = 30000;
 // Lower bound for the measured gap between a failed step and its resend: the delay less
 // the slack a coarse Qt timer may take (5%), and some more.
 constexpr qint64 LeastRetryGapMs = 4500;
-
-QByteArray randomBytes(int size, quint32 seed)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    QRandomGenerator generator(seed);
-    for (char& c : bytes)
-        c = char(generator.bounded(256));
-    return bytes;
-}
 } // namespace
 
 class TusUploaderRetryTest : public QObject
@@ -38,31 +28,14 @@ class TusUploaderRetryTest : public QObject
 private:
     QTemporaryDir m_files;
 
-    QString writeFile(const QString& name, const QByteArray& contents)
-    {
-        const QString path = m_files.filePath(name);
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly) || file.write(contents) != contents.size())
-            return QString();
-        return path;
-    }
-
 private Q_SLOTS:
-    void initTestCase()
-    {
-        QVERIFY(m_files.isValid());
-        QString why;
-        if (!TusServerProcess::isInstalled(&why))
-            QFAIL(qPrintable(why));
-    }
-
     void serverKilledDuringPatchingGetsTheSameChunkAgain()
     {
         TusServerProcess server;
         QVERIFY2(server.start(), qPrintable(server.errorString()));
         const int chunk = 64 * 1024;
         const QByteArray contents = randomBytes(3 * chunk + 123, 11);
-        const QString path = writeFile(QStringLiteral("killed.bin"), contents);
+        const QString path = makeFile(m_files, QStringLiteral("killed.bin"), contents);
 
         HookedUploader uploader(server.creationUrl());
         uploader.setChunkSize(chunk);
@@ -113,7 +86,7 @@ private Q_SLOTS:
         QVERIFY2(server.start(), qPrintable(server.errorString()));
         QVERIFY(server.stop()); // the port is known, nobody listens on it
         const QByteArray contents = randomBytes(5000, 12);
-        const QString path = writeFile(QStringLiteral("late.bin"), contents);
+        const QString path = makeFile(m_files, QStringLiteral("late.bin"), contents);
 
         HookedUploader uploader(server.creationUrl());
         uploader.setChunkSize(2000);

@@ -4,12 +4,12 @@
 // delay live in tusuploaderretrytest.cpp.
 #include "tusuploader.h"
 #include "hookeduploader.h"
+#include "testhelpers.h"
 #include "tusserverprocess.h"
 #include "variant.h"
 
 #include <QFile>
 #include <QPointer>
-#include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -23,20 +23,6 @@
 namespace
 {
 constexpr int UploadTimeoutMs = 15000;
-
-QByteArray randomBytes(qint64 size, quint32 seed)
-{
-    QByteArray bytes(int(size), Qt::Uninitialized);
-    QRandomGenerator generator(seed);
-    for (char& c : bytes)
-        c = char(generator.bounded(256));
-    return bytes;
-}
-
-QString header(const QString& key, const QByteArray& json)
-{
-    return key + QLatin1Char(' ') + QString::fromLatin1(json.toBase64());
-}
 
 /** Whether another thread can take the uploader's lock now (it would block otherwise). */
 bool lockIsFree(const TusUploader* uploader)
@@ -56,24 +42,8 @@ private:
     QTemporaryDir m_files;
     TusServerProcess m_server;
 
-    QString writeFile(const QString& name, const QByteArray& contents)
-    {
-        const QString path = m_files.filePath(name);
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly) || file.write(contents) != contents.size())
-            return QString();
-        return path;
-    }
-
 private Q_SLOTS:
-    void initTestCase()
-    {
-        QVERIFY(m_files.isValid());
-        QString why;
-        if (!TusServerProcess::isInstalled(&why))
-            QFAIL(qPrintable(why));
-        QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
-    }
+    void initTestCase() { QVERIFY2(m_server.start(), qPrintable(m_server.errorString())); }
 
     void init() { m_server.clearRequests(); }
 
@@ -81,11 +51,9 @@ private Q_SLOTS:
     {
         QTest::addColumn<int>("state");
         QTest::addColumn<QString>("text");
-        QTest::newRow("Init") << 0 << "TusState::Init(0)";
-        QTest::newRow("Start") << 1 << "TusState::Start(1)";
-        QTest::newRow("Patch") << 2 << "TusState::Patch(2)";
-        QTest::newRow("Finish") << 3 << "TusState::Finish(3)";
-        QTest::newRow("Error") << 4 << "TusState::Error(4)";
+        const char* names[] = {"Init", "Start", "Patch", "Finish", "Error"};
+        for (int state = 0; state < 5; ++state)
+            QTest::newRow(names[state]) << state << QStringLiteral("TusState::%1(%2)").arg(QLatin1String(names[state])).arg(state);
         QTest::newRow("out of range") << 7 << "Unknown case: 7";
         QTest::newRow("negative") << -1 << "Unknown case: -1";
     }
@@ -97,17 +65,6 @@ private Q_SLOTS:
         std::ostringstream out;
         out << static_cast<TusState>(state);
         QCOMPARE(QString::fromStdString(out.str()), text);
-    }
-
-    void metadataTextJoinsBase64JsonPairs()
-    {
-        QString metaData;
-        QCOMPARE(TusUploader::appendMetaData(metaData, QStringLiteral("name"), veltrax::Variant("scan.csv")), header("name", "\"scan.csv\""));
-        TusUploader::appendMetaData(metaData, QStringLiteral("count"), veltrax::Variant(42));
-        QCOMPARE(metaData, header("name", "\"scan.csv\"") + QLatin1Char(',') + header("count", "42"));
-        // No JSON text for an empty variant: it goes as null, and nothing escapes.
-        QString empty;
-        QCOMPARE(TusUploader::appendMetaData(empty, QStringLiteral("none"), veltrax::Variant()), header("none", "null"));
     }
 
     void uploadArrivesByteIdentical_data()
@@ -131,7 +88,7 @@ private Q_SLOTS:
         QFETCH(QList<qint64>, offsets);
 
         const QByteArray contents = randomBytes(fileSize, quint32(fileSize));
-        const QString path = writeFile(QStringLiteral("data.bin"), contents);
+        const QString path = makeFile(m_files, QStringLiteral("data.bin"), contents);
         QVERIFY(!path.isEmpty());
 
         HookedUploader uploader(m_server.creationUrl());
@@ -153,6 +110,8 @@ private Q_SLOTS:
         QCOMPARE(uploader.serverFilePath(), m_server.creationUrl() + QLatin1Char('/') + id);
         QVERIFY(m_server.storedData(id) == contents);
         QCOMPARE(m_server.storedInfo(id).value(QStringLiteral("size")).toDouble(), double(fileSize));
+        // The server refuses an empty Upload-Metadata (400): without metadata none is sent.
+        QVERIFY(!m_server.requests("POST").at(0).hasHeader("Upload-Metadata"));
 
         QCOMPARE(uploader.patchOffsets(), offsets);
         const auto patches = m_server.requests("PATCH");
@@ -185,38 +144,25 @@ private Q_SLOTS:
         QCOMPARE(lastSent, fileSize);
     }
 
-    void metadataArrivesAsJsonTextOfEachValue()
+    void requestsCarryTheirHeadersAndMetadata()
     {
-        const QString path = writeFile(QStringLiteral("meta.bin"), "x");
+        const QString path = makeFile(m_files, QStringLiteral("order.bin"), randomBytes(10, 1));
+        // Metadata goes as the JSON text of each value: strings keep their quotes and are not
+        // escaped; the text "null" is bare, and so is the empty variant, which has no JSON text.
+        const std::pair<veltrax::Variant, QString> values[] = {{veltrax::Variant(std::string("Messung \"Nord\" äöü.csv")), "\"Messung \"Nord\" äöü.csv\""},
+            {veltrax::Variant(42), "42"},
+            {veltrax::Variant(static_cast<long long>(-5000000000LL)), "-5000000000"},
+            {veltrax::Variant(2.5), "2.5"},
+            {veltrax::Variant(true), "true"},
+            {veltrax::Variant("null"), "null"},
+            {veltrax::Variant(), "null"}};
         QString metaData;
-        TusUploader::appendMetaData(metaData, QStringLiteral("filename"), veltrax::Variant(std::string("Messung \"Nord\" äöü.csv")));
-        TusUploader::appendMetaData(metaData, QStringLiteral("count"), veltrax::Variant(42));
-        TusUploader::appendMetaData(metaData, QStringLiteral("big"), veltrax::Variant(static_cast<long long>(-5000000000LL)));
-        TusUploader::appendMetaData(metaData, QStringLiteral("ratio"), veltrax::Variant(2.5));
-        TusUploader::appendMetaData(metaData, QStringLiteral("calibrated"), veltrax::Variant(true));
-        TusUploader::appendMetaData(metaData, QStringLiteral("word"), veltrax::Variant("null"));
-
-        TusUploader uploader(m_server.creationUrl());
-        QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
-        QVERIFY(uploader.startUploadFile(path, metaData));
-        QVERIFY(finished.wait(UploadTimeoutMs));
-
-        const auto stored = m_server.storedMetadata(TusServerProcess::idOfUploadUrl(uploader.serverFilePath()));
-        QCOMPARE(stored.size(), 6);
-        // Strings keep their quotes and are not escaped; the text "null" is bare.
-        QCOMPARE(stored.value(QStringLiteral("filename")), QStringLiteral("\"Messung \"Nord\" äöü.csv\""));
-        QCOMPARE(stored.value(QStringLiteral("count")), QStringLiteral("42"));
-        QCOMPARE(stored.value(QStringLiteral("big")), QStringLiteral("-5000000000"));
-        QCOMPARE(stored.value(QStringLiteral("ratio")), QStringLiteral("2.5"));
-        QCOMPARE(stored.value(QStringLiteral("calibrated")), QStringLiteral("true"));
-        QCOMPARE(stored.value(QStringLiteral("word")), QStringLiteral("null"));
-    }
-
-    void requestsCarryTheirHeadersInOrder()
-    {
-        const QString path = writeFile(QStringLiteral("order.bin"), randomBytes(10, 1));
-        QString metaData;
-        TusUploader::appendMetaData(metaData, QStringLiteral("k"), veltrax::Variant(1));
+        QMap<QString, QString> expected;
+        for (const auto& value : values) {
+            const QString key = QStringLiteral("key%1").arg(expected.size());
+            TusUploader::appendMetaData(metaData, key, value.first);
+            expected.insert(key, value.second);
+        }
         HookedUploader uploader(m_server.creationUrl());
         uploader.setAuthentication(QStringLiteral("token"), QStringLiteral("key"));
         QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
@@ -236,48 +182,31 @@ private Q_SLOTS:
         QCOMPARE(posts.size(), 1);
         QCOMPARE(posts.at(0).header("Tus-Resumable"), QByteArray("1.0.0"));
         QCOMPARE(posts.at(0).header("Upload-Length"), QByteArray("10"));
-        QCOMPARE(posts.at(0).header("Upload-Metadata"), metaData.toUtf8());
         QCOMPARE(posts.at(0).header("Content-Length"), QByteArray("0"));
-
         const auto patches = m_server.requests("PATCH");
         QCOMPARE(patches.size(), 1);
         QCOMPARE(patches.at(0).header("Tus-Resumable"), QByteArray("1.0.0"));
         QCOMPARE(patches.at(0).header("Connection").toLower(), QByteArray("keep-alive"));
-        QCOMPARE(patches.at(0).header("Upload-Offset"), QByteArray("0"));
-        QCOMPARE(patches.at(0).header("Content-Length"), QByteArray("10"));
         QCOMPARE(patches.at(0).header("Content-Type"), QByteArray("application/offset+octet-stream"));
-    }
 
-    void emptyMetadataSendsNoHeader()
-    {
-        // The server rejects an empty Upload-Metadata (400); without metadata none is sent.
-        const QString path = writeFile(QStringLiteral("plain.bin"), "abc");
-        TusUploader uploader(m_server.creationUrl());
-        QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
-        QVERIFY(uploader.startUploadFile(path, QString()));
-        QVERIFY(finished.wait(UploadTimeoutMs));
-        QVERIFY(!m_server.requests("POST").at(0).hasHeader("Upload-Metadata"));
+        QCOMPARE(m_server.storedMetadata(TusServerProcess::idOfUploadUrl(uploader.serverFilePath())), expected);
     }
 
     void authenticationHeadersArriveWhenSet_data()
     {
         QTest::addColumn<QString>("token");
         QTest::addColumn<QString>("key");
-        QTest::newRow("both") << "eyJhbGciOi.payload.sig"
-                              << "0123abcd";
-        QTest::newRow("bearer token only") << "tok"
-                                           << "";
-        QTest::newRow("subscription key only") << ""
-                                               << "sub-key";
-        QTest::newRow("neither") << ""
-                                 << "";
+        QTest::newRow("both") << QStringLiteral("eyJhbGciOi.payload.sig") << QStringLiteral("0123abcd");
+        QTest::newRow("bearer token only") << QStringLiteral("tok") << QString();
+        QTest::newRow("subscription key only") << QString() << QStringLiteral("sub-key");
+        QTest::newRow("neither") << QString() << QString();
     }
 
     void authenticationHeadersArriveWhenSet()
     {
         QFETCH(QString, token);
         QFETCH(QString, key);
-        const QString path = writeFile(QStringLiteral("auth.bin"), randomBytes(2500, 2));
+        const QString path = makeFile(m_files, QStringLiteral("auth.bin"), randomBytes(2500, 2));
         TusUploader uploader(m_server.creationUrl());
         uploader.setChunkSize(1000);
         uploader.setAuthentication(token, key);
@@ -303,7 +232,7 @@ private Q_SLOTS:
         server.setSchemeRelativeLocations(true);
         QVERIFY2(server.start(), qPrintable(server.errorString()));
         const QByteArray contents = randomBytes(3000, 3);
-        const QString path = writeFile(QStringLiteral("relative.bin"), contents);
+        const QString path = makeFile(m_files, QStringLiteral("relative.bin"), contents);
 
         TusUploader uploader(server.creationUrl());
         uploader.setChunkSize(1024);
@@ -317,29 +246,34 @@ private Q_SLOTS:
         QVERIFY(server.storedData(ids.first()) == contents);
     }
 
-    void httpErrorStatusEndsInUploadFailed_data()
+    // Each fault ends the upload with a reason and no further chunk; it may then start again.
+    void faultEndsInUploadFailed_data()
     {
         QTest::addColumn<QByteArray>("fault");
-        QTest::addColumn<int>("chunk");
-        QTest::newRow("creation refused") << QByteArray("bad-length") << 1000;
-        QTest::newRow("upload URL the server does not know") << QByteArray("unknown-url") << 1000;
-        QTest::newRow("offset the server did not expect") << QByteArray("wrong-offset") << 1000;
+        QTest::addColumn<QList<qint64>>("offsets"); // of the chunks sent until then
+        QTest::newRow("creation refused") << QByteArray("bad-length") << QList<qint64>();
+        QTest::newRow("upload URL the server does not know") << QByteArray("unknown-url") << QList<qint64> {0, 1000};
+        QTest::newRow("offset the server did not expect") << QByteArray("wrong-offset") << QList<qint64> {0, 1000, 2000};
+        // Reading on would go past the end of the mapped file.
+        QTest::newRow("file shrinks during the upload") << QByteArray("shrink") << QList<qint64> {0};
     }
 
-    void httpErrorStatusEndsInUploadFailed()
+    void faultEndsInUploadFailed()
     {
         QFETCH(QByteArray, fault);
-        QFETCH(int, chunk);
-        const QString path = writeFile(QStringLiteral("refused.bin"), randomBytes(3 * chunk, 4));
+        QFETCH(QList<qint64>, offsets);
+        const QString path = makeFile(m_files, QStringLiteral("refused.bin"), randomBytes(3000, 4));
         HookedUploader uploader(m_server.creationUrl());
-        uploader.setChunkSize(chunk);
+        uploader.setChunkSize(1000);
         uploader.hook = [&](QNetworkRequest& request, const HookedUploader::Prepared& prepared) {
             if (fault == "bad-length" && !prepared.patch)
                 request.setRawHeader("Upload-Length", "-1");
-            if (fault == "unknown-url" && prepared.patch && prepared.offset == chunk)
+            if (fault == "unknown-url" && prepared.patch && prepared.offset == 1000)
                 request.setUrl(QUrl(m_server.creationUrl() + QStringLiteral("/0123456789abcdef")));
-            if (fault == "wrong-offset" && prepared.patch && prepared.offset == 2 * chunk)
-                request.setRawHeader("Upload-Offset", QByteArray::number(chunk));
+            if (fault == "wrong-offset" && prepared.patch && prepared.offset == 2000)
+                request.setRawHeader("Upload-Offset", "1000");
+            if (fault == "shrink" && prepared.patch && prepared.offset == 0)
+                QFile::resize(path, 1010);
         };
         QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
         QSignalSpy failed(&uploader, &TusUploader::uploadFailed);
@@ -350,8 +284,8 @@ private Q_SLOTS:
         QVERIFY(!failed.at(0).at(1).toString().isEmpty());
         QCOMPARE(uploader.getState(), TusState::Error);
         QCOMPARE(finished.count(), 0);
+        QCOMPARE(uploader.patchOffsets(), offsets);
 
-        // An ended upload may be started again.
         uploader.hook = nullptr;
         QVERIFY(uploader.startUploadFile(path, QString()));
         QVERIFY(finished.wait(UploadTimeoutMs));
@@ -382,8 +316,8 @@ private Q_SLOTS:
     {
         const QByteArray first = randomBytes(5000, 5);
         const QByteArray second = randomBytes(300, 6);
-        const QString firstPath = writeFile(QStringLiteral("first.bin"), first);
-        const QString secondPath = writeFile(QStringLiteral("second.bin"), second);
+        const QString firstPath = makeFile(m_files, QStringLiteral("first.bin"), first);
+        const QString secondPath = makeFile(m_files, QStringLiteral("second.bin"), second);
         HookedUploader uploader(m_server.creationUrl());
         uploader.setChunkSize(1000);
         QSignalSpy finished(&uploader, &TusUploader::uploadFinished);
@@ -413,25 +347,9 @@ private Q_SLOTS:
         QCOMPARE(m_server.requests("POST").size(), 2);
     }
 
-    void fileThatShrinksFailsInsteadOfReadingPastItsEnd()
-    {
-        const QString path = writeFile(QStringLiteral("shrinking.bin"), randomBytes(4096 * 4, 7));
-        HookedUploader uploader(m_server.creationUrl());
-        uploader.setChunkSize(4096);
-        uploader.hook = [&](QNetworkRequest&, const HookedUploader::Prepared& prepared) {
-            if (prepared.patch && prepared.offset == 0)
-                QFile::resize(path, 4096 + 10);
-        };
-        QSignalSpy failed(&uploader, &TusUploader::uploadFailed);
-        QVERIFY(uploader.startUploadFile(path, QString()));
-        QVERIFY(failed.wait(UploadTimeoutMs));
-        QCOMPARE(uploader.getState(), TusState::Error);
-        QCOMPARE(uploader.patchOffsets(), (QList<qint64> {0}));
-    }
-
     void lockIsFreeWhileSignalsAreDelivered()
     {
-        const QString path = writeFile(QStringLiteral("signals.bin"), randomBytes(3000, 8));
+        const QString path = makeFile(m_files, QStringLiteral("signals.bin"), randomBytes(3000, 8));
         TusUploader uploader(m_server.creationUrl());
         uploader.setChunkSize(1000);
         int progressChecks = 0;
@@ -479,7 +397,7 @@ private Q_SLOTS:
     {
         QFETCH(bool, succeed);
         QFETCH(bool, deletedBySlot);
-        const QString path = writeFile(QStringLiteral("done.bin"), randomBytes(2000, 9));
+        const QString path = makeFile(m_files, QStringLiteral("done.bin"), randomBytes(2000, 9));
         QPointer<HookedUploader> uploader = new HookedUploader(m_server.creationUrl());
         uploader->setChunkSize(1000);
         if (!succeed) {
@@ -511,7 +429,7 @@ private Q_SLOTS:
         // The shared access manager outlives the uploader, so its request must be stopped.
         veltrax::NetManager keepAlive;
         const QByteArray contents = randomBytes(8 << 20, 10);
-        const QString path = writeFile(QStringLiteral("big.bin"), contents);
+        const QString path = makeFile(m_files, QStringLiteral("big.bin"), contents);
         QPointer<HookedUploader> uploader = new HookedUploader(m_server.creationUrl());
         uploader->setChunkSize(4 << 20);
         QSignalSpy progress(uploader.data(), &TusUploader::uploadProgress);

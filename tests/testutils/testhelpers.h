@@ -10,6 +10,7 @@
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
+#include <QTemporaryDir>
 
 #include <mutex>
 
@@ -17,6 +18,8 @@
 QByteArray readFile(const QString& path);
 /** Writes @p bytes to @p path (replacing it); false when that fails. */
 bool writeFile(const QString& path, const QByteArray& bytes);
+/** Writes @p bytes to @p name in @p dir; the file's path, or an empty path when that fails. */
+QString makeFile(const QTemporaryDir& dir, const QString& name, const QByteArray& bytes);
 /** @p size bytes that depend only on @p seed. */
 QByteArray randomBytes(qint64 size, quint32 seed);
 /** A port on 127.0.0.1 that was free a moment ago: connecting to it is refused. */
