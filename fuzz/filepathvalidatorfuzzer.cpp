@@ -6,17 +6,6 @@
 
 #include "filepathvalidator.h"
 
-#include <cstdlib>
-
-namespace
-{
-void check(bool condition)
-{
-    if (!condition)
-        abort();
-}
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 1)
@@ -33,18 +22,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     QString unchanged;
     const int verdict = FilePathValidator::validateFilePath(path, false, fixCharacter, unchanged, allowSeparators);
-    check(verdict >= -1 && verdict <= 1);
-    check(unchanged == path);
+    FUZZ_CHECK(verdict >= -1 && verdict <= 1);
+    FUZZ_CHECK(unchanged == path);
 
     QString repaired;
-    check(FilePathValidator::validateFilePath(path, true, fixCharacter, repaired, allowSeparators) == verdict);
+    FUZZ_CHECK(FilePathValidator::validateFilePath(path, true, fixCharacter, repaired, allowSeparators) == verdict);
     if (verdict == 1)
-        check(repaired == path);
+        FUZZ_CHECK(repaired == path);
 
     // Input and output may be the same string.
     QString inPlace = path;
-    check(FilePathValidator::validateFilePath(inPlace, true, fixCharacter, inPlace, allowSeparators) == verdict);
-    check(inPlace == repaired);
+    FUZZ_CHECK(FilePathValidator::validateFilePath(inPlace, true, fixCharacter, inPlace, allowSeparators) == verdict);
+    FUZZ_CHECK(inPlace == repaired);
 
     // Each pass removes at least one fault; five kinds of fault exist.
     QString text = path;
@@ -55,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         text = next;
         result = FilePathValidator::validateFilePath(text, false, fixCharacter, next, allowSeparators);
     }
-    check(result == 1);
+    FUZZ_CHECK(result == 1);
 
     // The parts on their own, and the validators the line edits use.
     FilePathValidator::afterDriveSpecification(path);

@@ -9,6 +9,17 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+/** A property the target checks: a violation is reported like a crash, with the condition. */
+#define FUZZ_CHECK(condition)                                                                                                                                  \
+    do {                                                                                                                                                       \
+        if (!(condition)) {                                                                                                                                    \
+            fprintf(stderr, "FUZZ_CHECK failed: %s (%s:%d)\n", #condition, __FILE__, __LINE__);                                                                \
+            abort();                                                                                                                                           \
+        }                                                                                                                                                      \
+    } while (0)
 
 namespace fuzzing
 {
