@@ -121,8 +121,10 @@ void UpdateServerComm::tryToConnectToServer()
 {
     if (m_socket) {
         const QAbstractSocket::SocketState state = m_socket->state();
-        if (m_socket->isEncrypted() || state == QAbstractSocket::HostLookupState || state == QAbstractSocket::ConnectingState
-            || state == QAbstractSocket::ConnectedState)
+        // QSslSocket keeps saying it is encrypted after the peer has closed: only a socket
+        // that is not yet unconnected still counts, or a dropped connection never comes back.
+        if ((m_socket->isEncrypted() && state != QAbstractSocket::UnconnectedState) || state == QAbstractSocket::HostLookupState
+            || state == QAbstractSocket::ConnectingState || state == QAbstractSocket::ConnectedState)
             return;
     }
 

@@ -60,6 +60,7 @@ private Q_SLOTS:
     void scriptedReplyBecomesTheResult_data();
     void scriptedReplyBecomesTheResult();
     void noServerGivesCouldNotConnect();
+    void reconnectAfterADroppedConnectionServesTheNextRequest();
     void untrustedCertificateIsRefusedAndExplained();
     void terminateEndsAWaitingRequest_data();
     void terminateEndsAWaitingRequest();
@@ -242,6 +243,30 @@ void UpdateServerCommTest::noServerGivesCouldNotConnect()
         {{"error.message", "Could not connect to update server"}, {"error.command", "GE2T"}, {"error.id", "i"}, {"error.mask", "m"}, {"error.version", "v"}});
     QVERIFY2(treeDifference(tree, expected).isEmpty(), qPrintable(treeDifference(tree, expected)));
     QVERIFY(m_logger->contains(QStringLiteral("handleSocketStateChanged Failed to connect to update server at 127.0.0.1:%1").arg(port)));
+}
+
+void UpdateServerCommTest::reconnectAfterADroppedConnectionServesTheNextRequest()
+{
+    auto server = makeServer();
+    QVERIFY(server);
+    bool drop = true;
+    server->setResponder([&drop](QSslSocket* socket, const QByteArray&) {
+        if (drop)
+            socket->disconnectFromHost();
+        else
+            socket->write(frame("LIST", textTree({{"a", "b"}})));
+    });
+    auto comm = connectTo(*server);
+    QVERIFY(comm);
+    QCOMPARE(treeDifference(runRequest<ServerListRequest>(*comm, QStringLiteral("p"), QString()), veltrax::SettingsFile()), QString());
+    QTRY_COMPARE_WITH_TIMEOUT(comm->requestCount(), 0, kWait);
+
+    // The dropped socket still says it is encrypted; a new connection must be made anyway.
+    drop = false;
+    QSignalSpy encrypted(server.get(), &ScriptedTlsServer::encryptedConnection);
+    comm->tryToConnectToServer();
+    QVERIFY(encrypted.wait(kWait));
+    QCOMPARE(treeDifference(runRequest<ServerListRequest>(*comm, QStringLiteral("p"), QString()), textTree({{"a", "b"}})), QString());
 }
 
 void UpdateServerCommTest::untrustedCertificateIsRefusedAndExplained()
