@@ -444,6 +444,16 @@ void UpdateServerComm::prepareForReply()
         m_replyMessage.clear();
     }
     m_waiting.store(true);
+    // A drop noticed after waitForConnection() looked but before the flag was set found no
+    // waiter to release, and no reply can come any more. The state slot clears m_encrypted
+    // before it reads m_waiting, so one side always sees the other's store.
+    if (!m_encrypted.load()) {
+        {
+            std::lock_guard<std::mutex> guard(m_stateMutex);
+            m_replyCommand = QLatin1String(updateserver::CLOSED);
+        }
+        m_waiting.store(false);
+    }
 }
 
 bool UpdateServerComm::waitForReply()

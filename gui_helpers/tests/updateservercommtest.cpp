@@ -61,6 +61,7 @@ private Q_SLOTS:
     void scriptedReplyBecomesTheResult();
     void noServerGivesCouldNotConnect();
     void reconnectAfterADroppedConnectionServesTheNextRequest();
+    void requestQueuedBehindADroppedOneReturns();
     void untrustedCertificateIsRefusedAndExplained();
     void terminateEndsAWaitingRequest_data();
     void terminateEndsAWaitingRequest();
@@ -267,6 +268,27 @@ void UpdateServerCommTest::reconnectAfterADroppedConnectionServesTheNextRequest(
     comm->tryToConnectToServer();
     QVERIFY(encrypted.wait(kWait));
     QCOMPARE(treeDifference(runRequest<ServerListRequest>(*comm, QStringLiteral("p"), QString()), textTree({{"a", "b"}})), QString());
+}
+
+void UpdateServerCommTest::requestQueuedBehindADroppedOneReturns()
+{
+    // The first request is never answered and holds the lock; the second passes the
+    // connection check and waits for the lock. Then the connection drops: the first is
+    // released by the drop, the second sets its flag only afterwards and must not wait
+    // for a reply that cannot come.
+    auto server = makeServer();
+    QVERIFY(server);
+    auto comm = connectTo(*server);
+    QVERIFY(comm);
+    PendingReply first(new ServerListRequest(*comm, QStringLiteral("first"), QString()));
+    QTRY_COMPARE_WITH_TIMEOUT(server->lines().size(), 1, kWait);
+    PendingReply second(new ServerListRequest(*comm, QStringLiteral("second"), QString()));
+    QTest::qWait(50); // lets the second request reach the lock (it also passes if it does not)
+    server->lastConnection()->disconnectFromHost();
+    QVERIFY(first.wait(kWait));
+    QVERIFY(second.wait(kWait));
+    QCOMPARE(first.tree().size(), size_t(0));
+    QTRY_COMPARE_WITH_TIMEOUT(comm->requestCount(), 0, kWait);
 }
 
 void UpdateServerCommTest::untrustedCertificateIsRefusedAndExplained()
