@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
-// Consent, log files and their removal. HOME points at a temporary directory and
-// QStandardPaths runs in test mode, so neither settings nor logs reach the real home; every
-// test function gets an organisation name of its own.
+// Consent, log files and their removal, with settings and logs kept apart per test and out
+// of the real home (isolateSettings()).
 #include "abstractusagestatisticssingleton.h"
 #include "journaller.h"
+#include "testhelpers.h"
+#include "usagestatisticsfixture.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -26,70 +27,6 @@
 
 namespace
 {
-class TestUsage : public AbstractUsageStatisticsSingleton
-{
-public:
-    QString prefix = QStringLiteral("TestApp_");
-    QString extra;
-    QString logFilePrefix() override { return prefix; }
-    QString openingEvent() override { return QStringLiteral("AppStarted"); }
-    QString closingEvent() override { return QStringLiteral("AppClosed"); }
-    QString extraHeaderText() override { return extra; }
-};
-
-QByteArray readAll(const QString& path)
-{
-    QFile f(path);
-    if (!f.open(QIODevice::ReadOnly))
-        return QByteArray("<unreadable>");
-    return f.readAll();
-}
-
-// Event texts of a log, in order (the header is skipped).
-QStringList eventsOf(const QString& path)
-{
-    const QByteArray bytes = readAll(path);
-    const int start = bytes.indexOf("Events:\n");
-    if (start < 0)
-        return {QStringLiteral("<no events section>")};
-    QStringList events;
-    const QList<QByteArray> lines = bytes.mid(start + 8).split('\n');
-    for (const QByteArray& line : lines) {
-        if (line.isEmpty())
-            continue;
-        const int space = line.indexOf(' ');
-        events << QString::fromUtf8(line.mid(space + 1));
-    }
-    return events;
-}
-
-QString usageValue(const QString& key)
-{
-    QSettings settings;
-    settings.beginGroup(QStringLiteral("UsageStatistics"));
-    return settings.contains(key) ? settings.value(key).toString() : QStringLiteral("<absent>");
-}
-
-void setUsageValue(const QString& key, const QVariant& value)
-{
-    QSettings settings;
-    settings.beginGroup(QStringLiteral("UsageStatistics"));
-    if (value.isValid())
-        settings.setValue(key, value);
-    else
-        settings.remove(key);
-}
-
-QString usageLogDir()
-{
-    return QStandardPaths::writableLocation(QStandardPaths::DataLocation) + QStringLiteral("/UsageLogs/");
-}
-
-QStringList logFiles()
-{
-    return QDir(usageLogDir()).entryList(QDir::Files, QDir::Name);
-}
-
 // Makes file writes beyond @p bytes fail (EFBIG) while it lives.
 class FileSizeLimit
 {
@@ -114,25 +51,17 @@ private:
 class UsageStatisticsLogTest : public QObject
 {
     Q_OBJECT
-private:
-    QTemporaryDir m_home;
-    int m_run = 0;
-
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(m_home.isValid());
-        qputenv("HOME", QFile::encodeName(m_home.path()));
-        QStandardPaths::setTestModeEnabled(true);
-        QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, m_home.filePath(QStringLiteral("settings")));
         QCoreApplication::setApplicationName(QStringLiteral("UsageLogTest"));
+        QCoreApplication::setApplicationVersion(QStringLiteral("3.1.4-rc1"));
     }
 
     void init()
     {
-        QCoreApplication::setOrganizationName(QStringLiteral("UsageLogTestOrg%1").arg(++m_run));
-        QCoreApplication::setApplicationVersion(QStringLiteral("3.1.4-rc1"));
-        QVERIFY(QStandardPaths::writableLocation(QStandardPaths::DataLocation).startsWith(m_home.path()));
+        isolateSettings();
+        QVERIFY(usageLogDir().startsWith(testHome()));
     }
 
     void firstRunAsksOnceAndTreatsUndecidedAsConsent()
@@ -183,7 +112,7 @@ private Q_SLOTS:
             usage.recreateLogFile();
             oldLog = usage.logFilePath();
             QVERIFY(QFile::exists(oldLog));
-            oldBytes = readAll(oldLog);
+            oldBytes = readFile(oldLog);
         }
         QTest::qWait(2); // distinct millisecond stamps, so a new log has a new name
 
@@ -192,7 +121,7 @@ private Q_SLOTS:
         if (withLog) {
             QCOMPARE(QFile::exists(oldLog), expectOldLogKept);
             if (expectOldLogKept)
-                QCOMPARE(readAll(oldLog), oldBytes);
+                QCOMPARE(readFile(oldLog), oldBytes);
         }
         const bool newLog = !usage.logFilePath().isEmpty() && usage.logFilePath() != oldLog;
         QCOMPARE(newLog, expectNewLog);
@@ -228,8 +157,9 @@ private Q_SLOTS:
         QFETCH(QByteArray, expectedExtraLine);
         QFETCH(QByteArray, expectedLanguage);
 
+        // A stored ID is used as it is, braces and all.
         const QString org = QCoreApplication::organizationName();
-        QSettings(org, QStringLiteral("GUID")).setValue(QStringLiteral("SystemUniqueID"), QStringLiteral("fixed-id-42"));
+        QSettings(org, QStringLiteral("GUID")).setValue(QStringLiteral("SystemUniqueID"), QStringLiteral("{fixed-id-42}"));
         if (chosenLocale.isValid())
             QSettings(org, QStringLiteral("Locale")).setValue(QStringLiteral("ChosenLocale"), chosenLocale);
 
@@ -250,44 +180,31 @@ private Q_SLOTS:
         QCOMPARE(usage.logDirectory(), usageLogDir());
         const QFileInfo info(usage.logFilePath());
         QCOMPARE(info.absolutePath() + QLatin1Char('/'), usageLogDir());
-        QVERIFY2(QRegularExpression(QStringLiteral("^TestApp_fixed-id-42_[0-9]{13}\\.log$")).match(info.fileName()).hasMatch(), qPrintable(info.fileName()));
+        QVERIFY2(
+            QRegularExpression(QStringLiteral("^TestApp_\\{fixed-id-42\\}_[0-9]{13}\\.log$")).match(info.fileName()).hasMatch(), qPrintable(info.fileName()));
 
         auto expected = [&](const QString& day) {
-            return QByteArray("Version 3.1.4-rc1 build 6323, rev 112641. 64 bit\n") + "AnonRefID: fixed-id-42\n" + "OS: " + QSysInfo::productType().toUtf8()
+            return QByteArray("Version 3.1.4-rc1 build 6323, rev 112641. 64 bit\n") + "AnonRefID: {fixed-id-42}\n" + "OS: " + QSysInfo::productType().toUtf8()
                 + ' ' + QSysInfo::productVersion().toUtf8() + '\n' + expectedExtraLine + "Date: " + day.toLatin1() + '\n' + "Language: " + expectedLanguage
                 + "\n\n" + "Events:\n";
         };
-        const QByteArray actual = readAll(usage.logFilePath());
+        const QByteArray actual = readFile(usage.logFilePath());
         if (actual != expected(dayBefore))
             QCOMPARE(actual, expected(dayAfter)); // the day changed during the call
     }
 
-    void anonymousId_data()
+    void freshAnonymousIdIsSharedByTheOrganisation()
     {
-        QTest::addColumn<QString>("stored");
-        QTest::newRow("none stored: fresh ID without braces") << QString();
-        QTest::newRow("stored ID is used as it is") << QStringLiteral("{kept-as-is}");
-    }
-    void anonymousId()
-    {
-        QFETCH(QString, stored);
-        const QString org = QCoreApplication::organizationName();
-        if (!stored.isEmpty())
-            QSettings(org, QStringLiteral("GUID")).setValue(QStringLiteral("SystemUniqueID"), stored);
-
         TestUsage usage;
         usage.createLogFile();
+        const QString org = QCoreApplication::organizationName();
         const QString id = QSettings(org, QStringLiteral("GUID")).value(QStringLiteral("SystemUniqueID")).toString();
-        if (stored.isEmpty()) {
-            QVERIFY(!id.contains(QLatin1Char('{')) && !id.contains(QLatin1Char('}')));
-            if (QHostInfo::localDomainName().contains(QLatin1String("veltrax"), Qt::CaseInsensitive))
-                QCOMPARE(id, QStringLiteral("veltrax_") + QHostInfo::localHostName());
-            else
-                QVERIFY2(!QUuid::fromString(id).isNull(), qPrintable(id));
-        } else {
-            QCOMPARE(id, stored);
-        }
-        QVERIFY(readAll(usage.logFilePath()).contains("\nAnonRefID: " + id.toUtf8() + '\n'));
+        QVERIFY(!id.contains(QLatin1Char('{')) && !id.contains(QLatin1Char('}')));
+        if (QHostInfo::localDomainName().contains(QLatin1String("veltrax"), Qt::CaseInsensitive))
+            QCOMPARE(id, QStringLiteral("veltrax_") + QHostInfo::localHostName());
+        else
+            QVERIFY2(!QUuid::fromString(id).isNull(), qPrintable(id));
+        QVERIFY(readFile(usage.logFilePath()).contains("\nAnonRefID: " + id.toUtf8() + '\n'));
         QVERIFY(QFileInfo(usage.logFilePath()).fileName().startsWith(QStringLiteral("TestApp_") + id + QLatin1Char('_')));
 
         // Every application of the organisation reports the same ID.
@@ -295,7 +212,7 @@ private Q_SLOTS:
         TestUsage sibling;
         sibling.createLogFile();
         QCoreApplication::setApplicationName(QStringLiteral("UsageLogTest"));
-        QVERIFY(readAll(sibling.logFilePath()).contains("\nAnonRefID: " + id.toUtf8() + '\n'));
+        QVERIFY(readFile(sibling.logFilePath()).contains("\nAnonRefID: " + id.toUtf8() + '\n'));
     }
 
     void onceEventsAreOncePerLog()
@@ -309,16 +226,14 @@ private Q_SLOTS:
         usage.logUseEvent(QStringLiteral("Export"));
         usage.logUseEvent(QStringLiteral("PlotOpened"), false);
         const QString first = usage.logFilePath();
-        QCOMPARE(eventsOf(first),
-            (QStringList {
-                QStringLiteral("AppStarted"), QStringLiteral("PlotOpened"), QStringLiteral("Export"), QStringLiteral("Export"), QStringLiteral("PlotOpened")}));
+        QCOMPARE(eventsOf(first), QStringLiteral("AppStarted PlotOpened Export Export PlotOpened").split(QLatin1Char(' ')));
 
         QTest::qWait(2);
         usage.recreateLogFile();
         QVERIFY(usage.logFilePath() != first);
         usage.logUseEvent(QStringLiteral("PlotOpened"), true);
         usage.logUseEvent(QStringLiteral("PlotOpened"), true);
-        QCOMPARE(eventsOf(usage.logFilePath()), (QStringList {QStringLiteral("AppStarted"), QStringLiteral("PlotOpened")}));
+        QCOMPARE(eventsOf(usage.logFilePath()), QStringLiteral("AppStarted PlotOpened").split(QLatin1Char(' ')));
     }
 
     void eventLinesCarryTimeStampAndReachTheJournal()
@@ -333,7 +248,7 @@ private Q_SLOTS:
         const qint64 before = QDateTime::currentMSecsSinceEpoch();
         usage.logUseEvent(QString::fromUtf8("Gerät verbunden"));
         const qint64 after = QDateTime::currentMSecsSinceEpoch();
-        const QByteArray bytes = readAll(usage.logFilePath());
+        const QByteArray bytes = readFile(usage.logFilePath());
         // Without consent nothing reaches a log, but the journal still gets the event.
         usage.setAllowLogFilesForUser(false);
         usage.logUseEvent(QStringLiteral("WithoutConsent"));
@@ -346,7 +261,7 @@ private Q_SLOTS:
         const qint64 stamp = m.captured(1).toLongLong();
         QVERIFY(stamp >= before && stamp <= after);
 
-        const QByteArray journalBytes = readAll(journalPath);
+        const QByteArray journalBytes = readFile(journalPath);
         QVERIFY2(journalBytes.contains("[WRITE] logUseEvent<QString> Ger\xc3\xa4t verbunden\n"), journalBytes.constData());
         QVERIFY(journalBytes.contains("[WRITE] logUseEvent<QString> WithoutConsent\n"));
     }
@@ -364,7 +279,7 @@ private Q_SLOTS:
         usage.logUseEvent(QStringLiteral("AfterTheEnd"));
         QCOMPARE(usage.logFilePath(), path + QStringLiteral("_closed"));
         QVERIFY(QFile::exists(path));
-        QCOMPARE(eventsOf(path), (QStringList {QStringLiteral("AppStarted"), QStringLiteral("Export"), QStringLiteral("AppClosed")}));
+        QCOMPARE(eventsOf(path), QStringLiteral("AppStarted Export AppClosed").split(QLatin1Char(' ')));
 
         usage.removeLogFiles();
         QVERIFY(!QFile::exists(path));
@@ -372,25 +287,23 @@ private Q_SLOTS:
 
     void removeLogFiles_data()
     {
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<bool>("isDirectory");
+        QTest::addColumn<QString>("name"); // a directory when it ends in '/'
         QTest::addColumn<QVariant>("deleteSetting");
         QTest::addColumn<bool>("expectRemoved");
 
         const QVariant absent;
-        QTest::newRow("earlier log, deletion not configured") << "TestApp_id_1600000000000.log" << false << absent << true;
-        QTest::newRow("earlier log, DeleteLogFiles empty") << "TestApp_id_1600000000000.log" << false << QVariant(QString()) << true;
-        QTest::newRow("earlier log, DeleteLogFiles true") << "TestApp_id_1600000000000.log" << false << QVariant(true) << true;
-        QTest::newRow("earlier log, DeleteLogFiles false") << "TestApp_id_1600000000000.log" << false << QVariant(false) << false;
-        QTest::newRow("another application's log") << "OtherApp_id_1600000000000.log" << false << absent << false;
-        QTest::newRow("prefix in other case") << "testapp_id_1600000000000.log" << false << absent << false;
-        QTest::newRow("name holds the current log's name") << "%1.bak" << false << absent << false;
-        QTest::newRow("directory with the prefix") << "TestApp_archive" << true << absent << false;
+        QTest::newRow("earlier log, deletion not configured") << "TestApp_id_1600000000000.log" << absent << true;
+        QTest::newRow("earlier log, DeleteLogFiles empty") << "TestApp_id_1600000000000.log" << QVariant(QString()) << true;
+        QTest::newRow("earlier log, DeleteLogFiles true") << "TestApp_id_1600000000000.log" << QVariant(true) << true;
+        QTest::newRow("earlier log, DeleteLogFiles false") << "TestApp_id_1600000000000.log" << QVariant(false) << false;
+        QTest::newRow("another application's log") << "OtherApp_id_1600000000000.log" << absent << false;
+        QTest::newRow("prefix in other case") << "testapp_id_1600000000000.log" << absent << false;
+        QTest::newRow("name holds the current log's name") << "%1.bak" << absent << false;
+        QTest::newRow("directory with the prefix") << "TestApp_archive/" << absent << false;
     }
     void removeLogFiles()
     {
         QFETCH(QString, name);
-        QFETCH(bool, isDirectory);
         QFETCH(QVariant, deleteSetting);
         QFETCH(bool, expectRemoved);
 
@@ -399,19 +312,13 @@ private Q_SLOTS:
         usage.recreateLogFile();
         const QString current = usage.logFilePath();
         const QString other = usage.logDirectory() + QString(name).replace(QLatin1String("%1"), QFileInfo(current).fileName());
-        if (isDirectory) {
-            QVERIFY(QDir().mkpath(other));
-        } else {
-            QFile f(other);
-            QVERIFY(f.open(QIODevice::WriteOnly));
-            f.write("earlier\n");
-        }
+        QVERIFY(name.endsWith(QLatin1Char('/')) ? QDir().mkpath(other) : writeFile(other, "earlier\n"));
 
         usage.removeLogFiles();
         QCOMPARE(QFileInfo::exists(other), !expectRemoved);
         QVERIFY(QFile::exists(current));
         usage.logUseEvent(QStringLiteral("StillWriting"));
-        QCOMPARE(eventsOf(current), (QStringList {QStringLiteral("AppStarted"), QStringLiteral("StillWriting")}));
+        QCOMPARE(eventsOf(current), QStringLiteral("AppStarted StillWriting").split(QLatin1Char(' ')));
     }
 
     void removeLogFilesWithoutLogDoesNothing()
@@ -420,13 +327,10 @@ private Q_SLOTS:
         QTemporaryDir cwd;
         const QString previous = QDir::currentPath();
         QVERIFY(QDir::setCurrent(cwd.path()));
-        QFile f(cwd.filePath(QStringLiteral("TestApp_id_1.log")));
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.close();
-        TestUsage usage;
-        usage.removeLogFiles();
+        QVERIFY(writeFile(cwd.filePath(QStringLiteral("TestApp_id_1.log")), "earlier\n"));
+        TestUsage().removeLogFiles();
         QDir::setCurrent(previous);
-        QVERIFY(f.exists());
+        QVERIFY(QFile::exists(cwd.filePath(QStringLiteral("TestApp_id_1.log"))));
     }
 
     void failedWriteDeletesTheLog_data()
@@ -479,7 +383,7 @@ private Q_SLOTS:
         AbstractUsageStatisticsSingleton::cleanup();
         QVERIFY(usage.isNull());
         QCOMPARE(AbstractUsageStatisticsSingleton::instance(), nullptr);
-        QCOMPARE(eventsOf(path), (QStringList {QStringLiteral("AppStarted"), QStringLiteral("LastWords")}));
+        QCOMPARE(eventsOf(path), QStringLiteral("AppStarted LastWords").split(QLatin1Char(' ')));
     }
 };
 
