@@ -7,14 +7,11 @@
 #include "netmanager.h"
 
 #include <QApplication>
-#include <QFileDialog>
-#include <QMessageBox>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QPointer>
 #include <QProgressDialog>
 #include <QPushButton>
-#include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -84,51 +81,6 @@ private:
     QHash<QTcpSocket*, QByteArray> m_pending;
 };
 
-/** Watches for the folder dialog and message boxes and answers them like a user. */
-class DialogAnswerer
-{
-public:
-    explicit DialogAnswerer(const QString& chosenFolder)
-        : folder(chosenFolder)
-    {
-        QObject::connect(&m_timer, &QTimer::timeout, [this] {
-            look();
-        });
-        m_timer.start(10);
-    }
-
-    QString folder; // chosen in the folder dialog; empty: the user cancels it
-    QStringList folderDialogs; // their titles
-    QStringList messages; // "title|text" of each message box
-
-private:
-    void look()
-    {
-        for (QWidget* widget : QApplication::topLevelWidgets()) {
-            if (!widget->isVisible())
-                continue;
-            if (auto* dialog = qobject_cast<QFileDialog*>(widget)) {
-                folderDialogs.append(dialog->windowTitle() + (dialog->testOption(QFileDialog::ShowDirsOnly) ? "" : " (files shown too)"));
-                dialog->setDirectory(folder);
-                folder.isEmpty() ? dialog->reject() : static_cast<QDialog*>(dialog)->accept();
-            } else if (auto* box = qobject_cast<QMessageBox*>(widget)) {
-                const bool expectedKind = box->icon() == QMessageBox::Critical && box->standardButtons() == QMessageBox::Cancel;
-                messages.append(box->windowTitle() + QLatin1Char('|') + box->text() + (expectedKind ? "" : " (not a critical box with Cancel)"));
-                box->reject();
-            }
-        }
-    }
-
-    QTimer m_timer;
-};
-
-QByteArray randomBytes(int size)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(bytes.data()), size / 4);
-    return bytes;
-}
-
 QProgressDialog* visibleProgressDialog()
 {
     for (QWidget* widget : QApplication::topLevelWidgets()) {
@@ -181,8 +133,6 @@ void AutoUpdateDownloadTest::init()
 {
     isolateSettings();
     m_host = TestHost();
-    m_host.options.serverAddress = QStringLiteral("127.0.0.1");
-    m_host.options.port = closedLoopbackPort();
     m_journal = std::make_unique<Journaller>(m_dir.filePath(QStringLiteral("journal.log")).toStdString(), true, JLL_TRACE);
     m_host.journal = m_journal.get();
     m_autoUpdate = std::make_unique<AutoUpdate>(&m_host);
@@ -217,7 +167,7 @@ void AutoUpdateDownloadTest::okSavesExactBytesIntoChosenFolder()
     QFETCH(QByteArray, path);
     QFETCH(QString, fileName);
 
-    const QByteArray payload = randomBytes(300 * 1024);
+    const QByteArray payload = randomBytes(300 * 1024, 1);
     if (fileName == QLatin1String("latest.bin")) {
         m_http.routes.insert(path, Route {302, "Found", {}, "Location: " + m_http.url("/mirror/latest.bin").toLatin1() + "\r\n"});
         path = "/mirror/latest.bin";
@@ -317,7 +267,7 @@ void AutoUpdateDownloadTest::failuresShowTheirMessageOnlyWhenAllowed()
 void AutoUpdateDownloadTest::cancelAbortsQuietly()
 {
     // Qt reports progress at most every 100 ms, so it is the second piece that shows.
-    m_http.routes.insert("/files/huge.bin", Route {200, "OK", randomBytes(1000000), {}, {1000, 1500}});
+    m_http.routes.insert("/files/huge.bin", Route {200, "OK", randomBytes(1000000, 2), {}, {1000, 1500}});
     m_autoUpdate->setAllowMessageBoxes(true);
     DialogAnswerer answerer(QDir::tempPath()); // must never be asked
     QNetworkReply::NetworkError error = QNetworkReply::NoError;

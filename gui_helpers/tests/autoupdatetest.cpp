@@ -12,7 +12,6 @@
 #include <QtTest>
 
 #include <memory>
-#include <mutex>
 
 Q_DECLARE_METATYPE(VxVersion)
 
@@ -24,20 +23,6 @@ const VxDeviceId kLegacyDevice(0x0330A1B2u);
 const VxDeviceId kModernDevice(0x0012000300000042ull);
 const QString kLegacyKey = QStringLiteral("firmwareVersions/03300000");
 const QString kModernKey = QStringLiteral("firmwareVersions/M-0012000300000000");
-
-/** Collects what reaches the journal's additional logger, from any thread. */
-class CapturingLogger : public AbstractAdditionalLogger
-{
-public:
-    bool wantsLevel(JournalLogLevel) const override { return true; }
-    void log(JournalLogLevel level, int, const char*, const std::string& message) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        lines.append(QString::number(level) + QLatin1Char(' ') + QString::fromStdString(message));
-    }
-    std::mutex mutex;
-    QStringList lines;
-};
 
 /** The catalogue the server answers from: one subtree per request id, holding its reply. */
 veltrax::SettingsFile makeCatalogue()
@@ -84,11 +69,8 @@ private Q_SLOTS:
     void init();
     void cleanup();
 
-    void listReplyBecomesSortedVersions();
-    void malformedReleasesAreSkippedAndLogged();
-    void emptyProductSubtreeGivesNoVersions();
-    void failuresGiveFailedToGetVersions_data();
-    void failuresGiveFailedToGetVersions();
+    void refreshReplacesTheVersions_data();
+    void refreshReplacesTheVersions();
     void newVersionRule_data();
     void newVersionRule();
     void firmwareVersionsAreStoredForEveryRequestedKey();
@@ -102,12 +84,11 @@ private:
     TestHost m_host;
     QTemporaryDir m_logDir;
     std::unique_ptr<Journaller> m_journal;
-    CapturingLogger m_extraLogger;
+    std::unique_ptr<CapturingLogger> m_logger;
 };
 
 void AutoUpdateTest::initTestCase()
 {
-    QStandardPaths::setTestModeEnabled(true);
     m_server.setCatalogue(makeCatalogue());
     QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
 }
@@ -120,12 +101,12 @@ void AutoUpdateTest::init()
     m_host.options = m_server.options();
     m_journal = std::make_unique<Journaller>(m_logDir.filePath(QStringLiteral("journal.log")).toStdString(), true, JLL_TRACE);
     m_host.journal = m_journal.get();
-    Journaller::setAdditionalLogger(&m_extraLogger);
+    m_logger = std::make_unique<CapturingLogger>();
 }
 
 void AutoUpdateTest::cleanup()
 {
-    Journaller::setAdditionalLogger(nullptr);
+    m_logger.reset();
     m_journal.reset();
 }
 
@@ -141,82 +122,62 @@ bool AutoUpdateTest::refreshSucceeds(AutoUpdate& autoUpdate)
     return updated.count() == 1;
 }
 
-void AutoUpdateTest::listReplyBecomesSortedVersions()
-{
-    AutoUpdate autoUpdate(&m_host);
-    QCOMPARE(autoUpdate.serverString(), QStringLiteral("127.0.0.1:%1").arg(m_server.port()));
-    QVERIFY(refreshSucceeds(autoUpdate));
-
-    const QList<AutoUpdate::Version> v = autoUpdate.versions();
-    QStringList summary;
-    for (const AutoUpdate::Version& r : v)
-        summary.append(QStringList {r.internalVersion, r.publicVersion, r.releaseType, r.infoLabel, r.infoUrl}.join(QLatin1Char('|')));
-    QCOMPARE(summary,
-        (QStringList {"v2020_5_1|2020.5.1|Stable|No address|",
-            "v2021_0_2|2021.0.2|Stable|Release notes|https://example.invalid/notes",
-            "v2021_10_0|2021.10.0|Beta||",
-            "v2021_2_0|2021.2.0|Patch||",
-            "v2021_3_0|2021.3.0|Hotfix||"}));
-    QCOMPARE(v.at(1).date, qint64(1600000000) * 1000);
-    QCOMPARE(v.at(1).url, QStringLiteral("http://127.0.0.1:1/setup.bin"));
-    QVERIFY(v.at(2).beta && !v.at(3).beta);
-
-    // A second refresh replaces the list rather than adding to it.
-    QVERIFY(refreshSucceeds(autoUpdate));
-    QCOMPARE(autoUpdate.versions().size(), 5);
-}
-
-void AutoUpdateTest::malformedReleasesAreSkippedAndLogged()
-{
-    m_host.product = QStringLiteral("Broken");
-    AutoUpdate autoUpdate(&m_host);
-    QVERIFY(refreshSucceeds(autoUpdate));
-    QCOMPARE(autoUpdate.versions().size(), 1);
-    QCOMPARE(autoUpdate.versions().first().internalVersion, QStringLiteral("v1_0_0"));
-
-    const QStringList extra = m_extraLogger.lines.filter(QStringLiteral("3 handleListReply Error while parsing reply: "));
-    QCOMPARE(extra.size(), 3);
-    QVERIFY(!extra.filter(QStringLiteral("Setting v1_1_0.date not found")).isEmpty());
-    QVERIFY(!extra.filter(QStringLiteral("Setting v1_3_0.beta not found")).isEmpty());
-    m_journal->flush();
-    QFile log(QString::fromStdString(m_journal->filename()));
-    QVERIFY(log.open(QIODevice::ReadOnly));
-    QCOMPARE(log.readAll().count("[ERROR] handleListReply Error while parsing reply: "), 3);
-}
-
-void AutoUpdateTest::emptyProductSubtreeGivesNoVersions()
-{
-    AutoUpdate autoUpdate(&m_host);
-    QVERIFY(refreshSucceeds(autoUpdate));
-    QVERIFY(!autoUpdate.versions().isEmpty());
-
-    m_host.product = QStringLiteral("NoReleases");
-    QVERIFY(refreshSucceeds(autoUpdate));
-    QVERIFY(autoUpdate.versions().isEmpty());
-}
-
-void AutoUpdateTest::failuresGiveFailedToGetVersions_data()
+// Each refresh replaces the versions held before (one old release here), or clears them
+// when it fails. Malformed release records are skipped and logged, to the host's journal too.
+void AutoUpdateTest::refreshReplacesTheVersions_data()
 {
     QTest::addColumn<QString>("product");
-    QTest::addColumn<bool>("serverReachable");
+    QTest::addColumn<bool>("reachable");
+    QTest::addColumn<bool>("updated");
+    QTest::addColumn<QStringList>("versions"); // internal|public|type|info label|info address|date|url|beta
+    QTest::addColumn<QStringList>("errors"); // in the parse errors logged, one each
 
-    QTest::newRow("unknown product (ERROR reply)") << "NoSuchProduct" << true;
-    QTest::newRow("every release malformed") << "AllBroken" << true;
-    QTest::newRow("nobody listening") << kProduct << false;
+    const QString rest = QStringLiteral("|1600000000000|http://127.0.0.1:1/setup.bin|");
+    QTest::newRow("stable, beta and patch releases, sorted") << kProduct << true << true
+                                                             << QStringList {"v2020_5_1|2020.5.1|Stable|No address|" + rest + "0",
+                                                                    "v2021_0_2|2021.0.2|Stable|Release notes|https://example.invalid/notes" + rest + "0",
+                                                                    "v2021_10_0|2021.10.0|Beta||" + rest + "1",
+                                                                    "v2021_2_0|2021.2.0|Patch||" + rest + "0",
+                                                                    "v2021_3_0|2021.3.0|Hotfix||" + rest + "0"}
+                                                             << QStringList();
+    QTest::newRow("malformed releases skipped") << "Broken" << true << true << QStringList {"v1_0_0|1.0.0|Stable||" + rest + "0"}
+                                                << QStringList {"Setting v1_1_0.date not found", "does not allow conversion", "Setting v1_3_0.beta not found"};
+    QTest::newRow("empty product subtree") << "NoReleases" << true << true << QStringList() << QStringList();
+    QTest::newRow("unknown product (ERROR reply)") << "NoSuchProduct" << true << false << QStringList() << QStringList();
+    QTest::newRow("every release malformed") << "AllBroken" << true << false << QStringList() << QStringList {"v1_0_0"};
+    QTest::newRow("nobody listening") << kProduct << false << false << QStringList() << QStringList();
 }
 
-void AutoUpdateTest::failuresGiveFailedToGetVersions()
+void AutoUpdateTest::refreshReplacesTheVersions()
 {
     QFETCH(QString, product);
-    QFETCH(bool, serverReachable);
+    QFETCH(bool, reachable);
+    QFETCH(bool, updated);
+    QFETCH(QStringList, versions);
+    QFETCH(QStringList, errors);
 
-    if (!serverReachable)
+    if (!reachable)
         m_host.options.port = closedLoopbackPort();
     AutoUpdate autoUpdate(&m_host);
-    QVERIFY(deliverListReply(&autoUpdate, listReply(m_host.product, {{QStringLiteral("v1_0_0")}})));
+    QCOMPARE(autoUpdate.serverString(), QStringLiteral("127.0.0.1:%1").arg(m_host.options.port));
+    QVERIFY(deliverListReply(&autoUpdate, listReply(m_host.product, {{QStringLiteral("v0_9_0")}})));
     m_host.product = product;
-    QVERIFY(!refreshSucceeds(autoUpdate));
-    QVERIFY(autoUpdate.versions().isEmpty()); // the old list went with the failure
+    QCOMPARE(refreshSucceeds(autoUpdate), updated);
+
+    QStringList summary;
+    for (const AutoUpdate::Version& r : autoUpdate.versions()) {
+        summary.append(
+            QStringList {r.internalVersion, r.publicVersion, r.releaseType, r.infoLabel, r.infoUrl, QString::number(r.date), r.url, QString::number(r.beta)}
+                .join(QLatin1Char('|')));
+    }
+    QCOMPARE(summary, versions);
+
+    const QStringList logged = m_logger->lines(JLL_ERROR).filter(QStringLiteral("handleListReply Error while parsing reply: "));
+    QCOMPARE(logged.size(), errors.size());
+    for (const QString& error : errors)
+        QVERIFY2(!logged.filter(error).isEmpty(), qPrintable(error));
+    m_journal->flush();
+    QCOMPARE(readFile(QString::fromStdString(m_journal->filename())).count("[ERROR] handleListReply Error while parsing reply: "), errors.size());
 }
 
 void AutoUpdateTest::newVersionRule_data()
@@ -248,11 +209,8 @@ void AutoUpdateTest::newVersionRule()
     if (acceptBeta.isValid())
         QSettings().setValue(QStringLiteral("UpdateCheck/AcceptBeta"), acceptBeta);
     AutoUpdate autoUpdate(&m_host);
-    QList<TestRelease> list;
-    for (const QString& entry : releases)
-        list.append({entry.section(QLatin1Char(' '), 0, 0), entry.endsWith(QLatin1String(" beta"))});
-    if (!list.isEmpty())
-        QVERIFY(deliverListReply(&autoUpdate, listReply(m_host.product, list)));
+    if (!releases.isEmpty())
+        QVERIFY(deliverListReply(&autoUpdate, listReply(m_host.product, ::releases(releases))));
 
     QCOMPARE(autoUpdate.isNewVersionAvailable(), expected);
     // The key exists afterwards, holding what was read.

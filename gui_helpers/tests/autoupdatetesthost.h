@@ -1,19 +1,18 @@
 // SPDX-License-Identifier: MIT
 //
-// A host application for the automatic-update tests, and list replies built the way the
-// update server builds them.
+// A host application for the automatic-update tests, list replies built the way the update
+// server builds them, and a user who answers the dialogs the controller shows.
 #pragma once
 
 #include "autoupdate.h"
 #include "settingsfile.h"
+#include "testhelpers.h"
 #include "variant.h"
 
-#include <QCoreApplication>
-#include <QFileInfo>
-#include <QSettings>
-#include <QStandardPaths>
-#include <QTcpServer>
-#include <QTest>
+#include <QApplication>
+#include <QFileDialog>
+#include <QMessageBox>
+#include <QTimer>
 
 class TestHost : public AutoUpdatable
 {
@@ -21,7 +20,8 @@ public:
     VxVersion current {1, 2, 0};
     QString product = QStringLiteral("TestProduct");
     int interval = 7;
-    UpdateServerOptions options;
+    // Nobody listens there: whatever the controller asks the server fails at once.
+    UpdateServerOptions options {QStringLiteral("127.0.0.1"), closedLoopbackPort()};
     int64_t licenseLimit = 0;
     Journaller* journal = nullptr;
     bool allowBeta = true;
@@ -45,6 +45,15 @@ struct TestRelease {
     int64_t dateSeconds = 1600000000;
     QString url = QStringLiteral("http://127.0.0.1:1/setup.bin");
 };
+
+/** Releases from short forms: "v1_3_0", or "v1_3_0 beta". */
+inline QList<TestRelease> releases(const QStringList& shortForms)
+{
+    QList<TestRelease> list;
+    for (const QString& entry : shortForms)
+        list.append({entry.section(QLatin1Char(' '), 0, 0), entry.endsWith(QLatin1String(" beta"))});
+    return list;
+}
 
 /** The list reply for @p releases of @p product, with an unrelated setting beside it. */
 inline veltrax::SettingsFile listReply(const QString& product, const QList<TestRelease>& releases)
@@ -71,22 +80,40 @@ inline bool deliverListReply(AutoUpdate* autoUpdate, const veltrax::SettingsFile
     return QMetaObject::invokeMethod(autoUpdate, "handleListReply", Qt::DirectConnection, Q_ARG(veltrax::SettingsFile, tree));
 }
 
-/** A loopback port on which nothing listens, so connections are refused at once. */
-inline quint16 closedLoopbackPort()
+/** Watches for the folder dialog and message boxes and answers them like a user. */
+class DialogAnswerer
 {
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost);
-    return probe.serverPort();
-}
+public:
+    explicit DialogAnswerer(const QString& chosenFolder)
+        : folder(chosenFolder)
+    {
+        QObject::connect(&m_timer, &QTimer::timeout, [this] {
+            look();
+        });
+        m_timer.start(10);
+    }
 
-/** Settings of this test function (and data row) only, starting empty. */
-inline void isolateSettings()
-{
-    QStandardPaths::setTestModeEnabled(true);
-    QCoreApplication::setOrganizationName(QStringLiteral("gui_helpers-tests"));
-    QString name = QFileInfo(QCoreApplication::applicationFilePath()).fileName() + QLatin1Char('-') + QLatin1String(QTest::currentTestFunction());
-    if (const char* tag = QTest::currentDataTag())
-        name += QLatin1Char('-') + QString::fromLatin1(tag).replace(QLatin1Char(' '), QLatin1Char('_'));
-    QCoreApplication::setApplicationName(name);
-    QSettings().clear();
-}
+    QString folder; // chosen in the folder dialog; empty: the user cancels it
+    QStringList folderDialogs; // their titles
+    QStringList messages; // "title|text" of each message box
+
+private:
+    void look()
+    {
+        for (QWidget* widget : QApplication::topLevelWidgets()) {
+            if (!widget->isVisible())
+                continue;
+            if (auto* dialog = qobject_cast<QFileDialog*>(widget)) {
+                folderDialogs.append(dialog->windowTitle() + (dialog->testOption(QFileDialog::ShowDirsOnly) ? "" : " (files shown too)"));
+                dialog->setDirectory(folder);
+                folder.isEmpty() ? dialog->reject() : static_cast<QDialog*>(dialog)->accept();
+            } else if (auto* box = qobject_cast<QMessageBox*>(widget)) {
+                const bool expectedKind = box->icon() == QMessageBox::Critical && box->standardButtons() == QMessageBox::Cancel;
+                messages.append(box->windowTitle() + QLatin1Char('|') + box->text() + (expectedKind ? "" : " (not a critical box with Cancel)"));
+                box->reject();
+            }
+        }
+    }
+
+    QTimer m_timer;
+};

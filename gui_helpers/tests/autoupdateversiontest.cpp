@@ -25,26 +25,19 @@ void AutoUpdateVersionTest::fromInternalVersionReadsOnlyWholeLabels_data()
     QTest::addColumn<QString>("label");
     QTest::addColumn<QString>("expected");
 
-    QTest::newRow("plain") << "v1_2_3"
-                           << "1.2.3";
-    QTest::newRow("leading zeros") << "v2021_00_02"
-                                   << "2021.0.2";
-    QTest::newRow("beyond 32 bits reads as 0") << "v2147483648_5_6"
-                                               << "0.5.6";
-    QTest::newRow("missing part") << "v1_2"
-                                  << "0.0.0";
-    QTest::newRow("no v") << "1_2_3"
-                          << "0.0.0";
-    QTest::newRow("upper-case V") << "V1_2_3"
-                                  << "0.0.0";
-    QTest::newRow("trailing blank") << "v1_2_3 "
-                                    << "0.0.0";
-    QTest::newRow("leading blank") << " v1_2_3"
-                                   << "0.0.0";
-    QTest::newRow("second line") << "v1_2_3\nv4_5_6"
-                                 << "0.0.0";
-    QTest::newRow("sign") << "v1_-2_3"
-                          << "0.0.0";
+    const auto row = [](const char* name, const char* label, const char* expected) {
+        QTest::newRow(name) << label << expected;
+    };
+    row("plain", "v1_2_3", "1.2.3");
+    row("leading zeros", "v2021_00_02", "2021.0.2");
+    row("beyond 32 bits reads as 0", "v2147483648_5_6", "0.5.6");
+    row("missing part", "v1_2", "0.0.0");
+    row("no v", "1_2_3", "0.0.0");
+    row("upper-case V", "V1_2_3", "0.0.0");
+    row("trailing blank", "v1_2_3 ", "0.0.0");
+    row("leading blank", " v1_2_3", "0.0.0");
+    row("second line", "v1_2_3\nv4_5_6", "0.0.0");
+    row("sign", "v1_-2_3", "0.0.0");
 }
 
 void AutoUpdateVersionTest::fromInternalVersionReadsOnlyWholeLabels()
