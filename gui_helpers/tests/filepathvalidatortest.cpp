@@ -38,29 +38,9 @@ class FilePathValidatorTest : public QObject
 private Q_SLOTS:
     void tablesHoldExactlyTheFixedEntries()
     {
-        const QSet<QString> words {"con",
-            "prn",
-            "clock$",
-            "nul",
-            "com1",
-            "com2",
-            "com3",
-            "com4",
-            "com5",
-            "com6",
-            "com7",
-            "com8",
-            "com9",
-            "lpt1",
-            "lpt2",
-            "lpt3",
-            "lpt4",
-            "lpt5",
-            "lpt6",
-            "lpt7",
-            "lpt8",
-            "lpt9"};
-        QCOMPARE(FilePathValidator::getReservedWords(), words);
+        const QStringList words = QStringLiteral("con prn clock$ nul com1 com2 com3 com4 com5 com6 com7 com8 com9 lpt1 lpt2 lpt3 lpt4 lpt5 lpt6 lpt7 lpt8 lpt9")
+                                      .split(QLatin1Char(' '));
+        QCOMPARE(FilePathValidator::getReservedWords(), QSet<QString>(words.begin(), words.end()));
         const QSet<QChar> characters {'*', ':', '<', '>', '?', '|', '"', '%', '\t', '\n'};
         QCOMPARE(FilePathValidator::getReservedCharacters(), characters);
         QCOMPARE(FilePathValidator::getIllegalEndings(), (QSet<QChar> {' ', '.', '\t', '\n'}));
@@ -157,16 +137,8 @@ private Q_SLOTS:
     void everyReservedCharacterIsRepaired_data()
     {
         QTest::addColumn<QChar>("character");
-        QTest::newRow("asterisk") << QChar('*');
-        QTest::newRow("colon") << QChar(':');
-        QTest::newRow("less-than") << QChar('<');
-        QTest::newRow("greater-than") << QChar('>');
-        QTest::newRow("question mark") << QChar('?');
-        QTest::newRow("vertical bar") << QChar('|');
-        QTest::newRow("double quote") << QChar('"');
-        QTest::newRow("percent sign") << QChar('%');
-        QTest::newRow("tab") << QChar('\t');
-        QTest::newRow("line feed") << QChar('\n');
+        for (const QChar c : QStringLiteral("*:<>?|\"%\t\n"))
+            QTest::addRow("U+%04X", c.unicode()) << c;
     }
     void everyReservedCharacterIsRepaired()
     {
@@ -196,24 +168,19 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QString>("rest");
-        QTest::newRow("upper-case drive") << "C:\\x"
-                                          << "\\x";
-        QTest::newRow("lower-case drive") << "z:/x"
-                                          << "/x";
-        QTest::newRow("drive alone") << "c:"
-                                     << "";
-        QTest::newRow("one letter") << "C"
-                                    << "C";
-        QTest::newRow("empty") << ""
-                               << "";
-        QTest::newRow("digit") << "1:x"
-                               << "1:x";
-        QTest::newRow("leading colon") << ":x"
-                                       << ":x";
-        QTest::newRow("non-ASCII letter") << QString::fromUtf8("é:x") << "x";
-        QTest::newRow("non-ASCII symbol") << QString::fromUtf8("€:x") << QString::fromUtf8("€:x");
-        QTest::newRow("colon third") << "ab:x"
-                                     << "ab:x";
+        const auto row = [](const char* name, const QString& text, const QString& rest) {
+            QTest::newRow(name) << text << rest;
+        };
+        row("upper-case drive", "C:\\x", "\\x");
+        row("lower-case drive", "z:/x", "/x");
+        row("drive alone", "c:", "");
+        row("one letter", "C", "C");
+        row("empty", "", "");
+        row("digit", "1:x", "1:x");
+        row("leading colon", ":x", ":x");
+        row("non-ASCII letter", QString::fromUtf8("é:x"), "x");
+        row("non-ASCII symbol", QString::fromUtf8("€:x"), QString::fromUtf8("€:x"));
+        row("colon third", "ab:x", "ab:x");
     }
     void driveLetterIsCutOff()
     {
@@ -226,22 +193,17 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("path");
         QTest::addColumn<QString>("baseName");
-        QTest::newRow("last extension only") << "a.b.c"
-                                             << "a.b";
-        QTest::newRow("unix directory") << "/dir/name.txt"
-                                        << "name";
-        QTest::newRow("windows directory") << "C:\\dir\\name.txt"
-                                           << "name";
-        QTest::newRow("drive-relative") << "C:name.txt"
-                                        << "name";
-        QTest::newRow("hidden file") << ".bashrc"
-                                     << "";
-        QTest::newRow("dot in directory only") << "dir.d/file"
-                                               << "file";
-        QTest::newRow("trailing separator") << "dir/"
-                                            << "";
-        QTest::newRow("no extension") << "README"
-                                      << "README";
+        const auto row = [](const char* name, const char* path, const char* baseName) {
+            QTest::newRow(name) << path << baseName;
+        };
+        row("last extension only", "a.b.c", "a.b");
+        row("unix directory", "/dir/name.txt", "name");
+        row("windows directory", "C:\\dir\\name.txt", "name");
+        row("drive-relative", "C:name.txt", "name");
+        row("hidden file", ".bashrc", "");
+        row("dot in directory only", "dir.d/file", "file");
+        row("trailing separator", "dir/", "");
+        row("no extension", "README", "README");
     }
     void filenameWithoutExtension()
     {
@@ -321,22 +283,18 @@ private Q_SLOTS:
         QTest::addColumn<QString>("typed");
         QTest::addColumn<QString>("shown");
         QTest::addColumn<bool>("acceptable");
-        QTest::newRow("name") << true << "report.txt"
-                              << "report.txt" << true;
-        QTest::newRow("stars refused") << true << "a*b*"
-                                       << "ab" << true;
-        QTest::newRow("slash refused in name") << true << "dir/x"
-                                               << "dirx" << true;
-        QTest::newRow("slash kept in path") << false << "dir/x"
-                                            << "dir/x" << true;
-        QTest::newRow("reserved word stays intermediate") << true << "con"
-                                                          << "con" << false;
-        QTest::newRow("trailing dot stays intermediate") << true << "name."
-                                                         << "name." << false;
-        QTest::newRow("stops at 259 characters") << false << repeated('a', 270) << repeated('a', 259) << true;
+        const auto row = [](const char* name, bool asName, const QString& typed, const QString& shown, bool acceptable) {
+            QTest::newRow(name) << asName << typed << shown << acceptable;
+        };
+        row("name", true, "report.txt", "report.txt", true);
+        row("stars refused", true, "a*b*", "ab", true);
+        row("slash refused in name", true, "dir/x", "dirx", true);
+        row("slash kept in path", false, "dir/x", "dir/x", true);
+        row("reserved word stays intermediate", true, "con", "con", false);
+        row("trailing dot stays intermediate", true, "name.", "name.", false);
+        row("stops at 259 characters", false, repeated('a', 270), repeated('a', 259), true);
         // The prefix cannot be typed: its '?' is refused on the way.
-        QTest::newRow("prefix cannot be typed") << false << prefix + "x"
-                                                << "\\\\\\x" << true;
+        row("prefix cannot be typed", false, prefix + "x", "\\\\\\x", true);
     }
     void lineEditRefusesInvalidKeystrokes()
     {
@@ -362,12 +320,9 @@ private Q_SLOTS:
         QTest::addColumn<QString>("typed");
         QTest::addColumn<QString>("after");
         QTest::addColumn<bool>("accepted");
-        QTest::newRow("trailing dots") << "name.."
-                                       << "name" << true;
-        QTest::newRow("reserved word") << "Con.txt"
-                                       << "___.txt" << true;
-        QTest::newRow("reserved word and dot") << "con."
-                                               << "con." << false;
+        QTest::newRow("trailing dots") << QStringLiteral("name..") << QStringLiteral("name") << true;
+        QTest::newRow("reserved word") << QStringLiteral("Con.txt") << QStringLiteral("___.txt") << true;
+        QTest::newRow("reserved word and dot") << QStringLiteral("con.") << QStringLiteral("con.") << false;
     }
     void lineEditReturnRepairsOneFault()
     {

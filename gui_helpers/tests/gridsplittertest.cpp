@@ -126,13 +126,8 @@ private Q_SLOTS:
         QMoveEvent moved(QPoint(1, 1), QPoint(0, 0));
         QApplication::sendEvent(f.children[0][0], &moved);
         QCOMPARE(f.cursor(), Qt::ArrowCursor);
-    }
 
-    void removedChildNoLongerRestoresCursor()
-    {
-        Fixture f;
-        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        f.move(onTopLeftChild);
+        // A child taken out of the grid no longer does.
         f.move(rowGap);
         QCOMPARE(f.cursor(), Qt::SplitVCursor);
         std::unique_ptr<QWidget> orphan(f.children[1][1]);
@@ -144,74 +139,53 @@ private Q_SLOTS:
         QCOMPARE(f.cursor(), Qt::ArrowCursor);
     }
 
-    // Dragging the row gap to a point; each pair of stretches keeps its sum of 20000.
-    void draggingRowGap_data()
+    // Dragging a gap, or the crossing, to a point; each pair of stretches keeps its sum of
+    // 20000 and never goes below 1. (50 - 0) * 20000 / (204 - 0), in integers, is 4901.
+    void dragging_data()
     {
-        QTest::addColumn<int>("y");
-        QTest::addColumn<int>("upper");
-        QTest::addColumn<int>("lower");
-        // (50 - 0) * 20000 / (204 - 0), in integers.
-        QTest::newRow("within range") << 50 << 4901 << 15099;
-        QTest::newRow("in the lower row") << 160 << 15686 << 4314;
-        QTest::newRow("top of the upper row") << 0 << 1 << 19999;
-        QTest::newRow("past the top") << -30 << 1 << 19999;
-        QTest::newRow("bottom of the lower row") << 204 << 19999 << 1;
-        QTest::newRow("past the bottom") << 240 << 19999 << 1;
+        QTest::addColumn<QPoint>("start");
+        QTest::addColumn<QPoint>("to");
+        QTest::addColumn<QList<int>>("rows");
+        QTest::addColumn<QList<int>>("columns");
+        const QList<int> even {10000, 10000};
+        QTest::newRow("row gap within range") << rowGap << QPoint(50, 50) << QList<int> {4901, 15099} << even;
+        QTest::newRow("row gap into the lower row") << rowGap << QPoint(50, 160) << QList<int> {15686, 4314} << even;
+        QTest::newRow("row gap to the top") << rowGap << QPoint(50, 0) << QList<int> {1, 19999} << even;
+        QTest::newRow("row gap past the top") << rowGap << QPoint(50, -30) << QList<int> {1, 19999} << even;
+        QTest::newRow("row gap to the bottom") << rowGap << QPoint(50, 204) << QList<int> {19999, 1} << even;
+        QTest::newRow("row gap past the bottom") << rowGap << QPoint(50, 240) << QList<int> {19999, 1} << even;
+        QTest::newRow("column gap within range") << columnGap << QPoint(150, 50) << even << QList<int> {14705, 5295};
+        QTest::newRow("column gap past the right") << columnGap << QPoint(side + 40, 50) << even << QList<int> {19999, 1};
+        QTest::newRow("column gap past the left") << columnGap << QPoint(-40, 50) << even << QList<int> {1, 19999};
+        QTest::newRow("crossing moves both gaps") << crossing << QPoint(51, 153) << QList<int> {15000, 5000} << QList<int> {5000, 15000};
     }
-    void draggingRowGap()
+    void dragging()
     {
-        QFETCH(int, y);
-        QFETCH(int, upper);
-        QFETCH(int, lower);
+        QFETCH(QPoint, start);
+        QFETCH(QPoint, to);
+        QFETCH(QList<int>, rows);
+        QFETCH(QList<int>, columns);
         Fixture f;
         QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        f.press(rowGap);
-        f.move(QPoint(rowGap.x(), y));
-        QCOMPARE(f.rowStretch(0), upper);
-        QCOMPARE(f.rowStretch(1), lower);
-        QCOMPARE(f.columnStretch(0), 10000);
-        QCOMPARE(f.columnStretch(1), 10000);
-        f.release(QPoint(rowGap.x(), y));
+        f.press(start);
+        f.move(start + QPoint(1, 1)); // the drag goes on over several moves
+        f.move(to);
+        QCOMPARE((QList<int> {f.rowStretch(0), f.rowStretch(1)}), rows);
+        QCOMPARE((QList<int> {f.columnStretch(0), f.columnStretch(1)}), columns);
+        f.release(to);
 
-        // The layout follows the stretches: the gap ends up near where it was dropped.
-        const int expectedBottom = qBound(0, 200 * upper / 20000, 199) - 1;
-        QTRY_VERIFY(qAbs(f.splitter->grid()->cellRect(0, 0).bottom() - expectedBottom) <= 2);
+        // The layout follows the stretches: the gaps end up near where they were dropped.
+        const auto end = [](int stretch) {
+            return qBound(0, 200 * stretch / 20000, 199) - 1;
+        };
+        QTRY_VERIFY(qAbs(f.splitter->grid()->cellRect(0, 0).bottom() - end(rows.first())) <= 2);
+        QTRY_VERIFY(qAbs(f.splitter->grid()->cellRect(0, 0).right() - end(columns.first())) <= 2);
 
         // Released: moving no longer drags.
         f.move(onBottomRightChild);
-        f.move(QPoint(rowGap.x(), 30));
-        QCOMPARE(f.rowStretch(0), upper);
-    }
-
-    void draggingColumnGap()
-    {
-        Fixture f;
-        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        f.press(columnGap);
-        f.move(QPoint(150, columnGap.y()));
-        QCOMPARE(f.columnStretch(0), 150 * 20000 / 204);
-        QCOMPARE(f.columnStretch(0) + f.columnStretch(1), 20000);
-        QCOMPARE(f.rowStretch(0), 10000);
-        f.move(QPoint(side + 40, columnGap.y()));
-        QCOMPARE(f.columnStretch(0), 19999);
-        QCOMPARE(f.columnStretch(1), 1);
-        f.move(QPoint(-40, columnGap.y()));
-        QCOMPARE(f.columnStretch(0), 1);
-        QCOMPARE(f.columnStretch(1), 19999);
-        f.release(QPoint(-40, columnGap.y()));
-    }
-
-    void draggingCrossingMovesBothGaps()
-    {
-        Fixture f;
-        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        f.press(crossing);
-        f.move(QPoint(51, 153));
-        QCOMPARE(f.columnStretch(0), 51 * 20000 / 204);
-        QCOMPARE(f.rowStretch(0), 153 * 20000 / 204);
-        QCOMPARE(f.columnStretch(0) + f.columnStretch(1), 20000);
-        QCOMPARE(f.rowStretch(0) + f.rowStretch(1), 20000);
-        f.release(QPoint(51, 153));
+        f.move(QPoint(30, 30));
+        QCOMPARE(f.rowStretch(0), rows.first());
+        QCOMPARE(f.columnStretch(0), columns.first());
     }
 
     void pressOnChildClearsDrag()

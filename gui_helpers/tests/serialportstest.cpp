@@ -6,35 +6,21 @@
 #include "serialports_p.h"
 #include "vxtypes.h"
 
+#include <QScopeGuard>
 #include <QTest>
 
 namespace
 {
-// Restores VX_LIBRARY_PATH when a test that changed it ends, passed or failed.
-class LibraryPathOverride
+/** Sets VX_LIBRARY_PATH (unsets it for a null @p value) until the returned guard goes. */
+auto libraryPath(const QByteArray& value)
 {
-public:
-    explicit LibraryPathOverride(const QByteArray& value, bool unset = false)
-        : m_saved(qgetenv("VX_LIBRARY_PATH"))
-        , m_wasSet(qEnvironmentVariableIsSet("VX_LIBRARY_PATH"))
-    {
-        if (unset)
-            qunsetenv("VX_LIBRARY_PATH");
-        else
-            qputenv("VX_LIBRARY_PATH", value);
-    }
-    ~LibraryPathOverride()
-    {
-        if (m_wasSet)
-            qputenv("VX_LIBRARY_PATH", m_saved);
-        else
-            qunsetenv("VX_LIBRARY_PATH");
-    }
-
-private:
-    QByteArray m_saved;
-    bool m_wasSet;
-};
+    const bool wasSet = qEnvironmentVariableIsSet("VX_LIBRARY_PATH");
+    const QByteArray saved = qgetenv("VX_LIBRARY_PATH");
+    value.isNull() ? qunsetenv("VX_LIBRARY_PATH") : qputenv("VX_LIBRARY_PATH", value);
+    return qScopeGuard([wasSet, saved] {
+        wasSet ? qputenv("VX_LIBRARY_PATH", saved) : qunsetenv("VX_LIBRARY_PATH");
+    });
+}
 } // namespace
 
 class SerialPortsTest : public QObject
@@ -98,7 +84,7 @@ private Q_SLOTS:
     // The partial stand-in exports only udev_new and udev_unref.
     void missingEntryPointsGiveNullResults()
     {
-        LibraryPathOverride path(QByteArrayLiteral(UDEV_STANDIN_PARTIAL_DIR));
+        const auto path = libraryPath(QByteArrayLiteral(UDEV_STANDIN_PARTIAL_DIR));
         Udev lib;
         QVERIFY(lib.isLoaded());
         udev* context = lib.unew();
@@ -127,7 +113,7 @@ private Q_SLOTS:
     // Whatever this machine has (no libudev.so at all without libudev-dev), nothing fails.
     void machinesOwnLibudevDoesNotFail()
     {
-        LibraryPathOverride path(QByteArray(), true);
+        const auto path = libraryPath(QByteArray());
         const bool loaded = Udev().isLoaded();
         const QStringList ports = qEnumerateSerialPorts();
         qInfo("system libudev.so %s; %d serial port(s): %s", loaded ? "loaded" : "not found", int(ports.size()), qPrintable(ports.join(QLatin1Char(' '))));
@@ -140,12 +126,6 @@ private Q_SLOTS:
             QVERIFY2(port.startsWith(QLatin1String("/dev/")), qPrintable(port));
             QVERIFY(port.toLatin1().size() < 256);
         }
-    }
-
-    void displayNameIsThePortItself()
-    {
-        QCOMPARE(comPortDisplayName(QStringLiteral("/dev/ttyUSB0")), QStringLiteral("/dev/ttyUSB0"));
-        QCOMPARE(comPortDisplayName(QString()), QString());
     }
 
 private:
