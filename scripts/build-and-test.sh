@@ -11,7 +11,9 @@ jobs="$(nproc)"
 
 cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build "$build" -j "$jobs"
-(cd "$build" && ctest --output-on-failure -j "$jobs" --timeout 600)
+summary="$build/ctest-summary.txt"
+(cd "$build" && ctest --output-on-failure -j "$jobs" --timeout 600) | tee "$build/ctest-output.txt"
+grep -E 'tests passed|tests failed' "$build/ctest-output.txt" > "$summary" || true
 
 [ "${SANITIZERS:-1}" = 0 ] && exit 0
 cd "$here"
@@ -32,3 +34,7 @@ fi
 
 echo "== fuzz targets"
 bash "$here/fuzz/run.sh" "${FUZZ_SECONDS:-30}"
+
+# The main suite's verdict last, so the run ends with ctest's summary.
+echo "== main test suite"
+cat "$summary"
