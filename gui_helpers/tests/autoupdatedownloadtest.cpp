@@ -122,7 +122,6 @@ private:
 
 void AutoUpdateDownloadTest::initTestCase()
 {
-    QStandardPaths::setTestModeEnabled(true);
     // The folder dialog must be Qt's own so that the test can answer it.
     QApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
     qRegisterMetaType<QNetworkReply*>();

@@ -68,7 +68,6 @@ void ScriptedTlsServer::readFrom(QSslSocket* socket)
         const QByteArray line = pending.left(nl + 1);
         pending.remove(0, nl + 1);
         m_lines.append(line);
-        Q_EMIT lineReceived(line);
         if (m_responder)
             m_responder(socket, line);
     }

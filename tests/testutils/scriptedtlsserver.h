@@ -47,7 +47,6 @@ public:
 
 Q_SIGNALS:
     void encryptedConnection();
-    void lineReceived(const QByteArray& line);
 
 protected:
     void incomingConnection(qintptr descriptor) override;

@@ -114,9 +114,3 @@ bool ServerProcess::waitForOutputLine(const QString& text, int timeoutMs)
         runEventLoop(20);
     }
 }
-
-QString ServerProcess::errorOutput()
-{
-    collect();
-    return QString::fromLocal8Bit(m_stderr);
-}

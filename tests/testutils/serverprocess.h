@@ -36,9 +36,6 @@ public:
     QStringList outputLines(int waitMs = 0);
     /** Waits up to @p timeoutMs until some output line contains @p text. */
     bool waitForOutputLine(const QString& text, int timeoutMs = 10000);
-    /** Everything the program wrote to its standard error so far. */
-    QString errorOutput();
-    int exitCode() const { return m_process.exitCode(); }
 
 private:
     void collect();

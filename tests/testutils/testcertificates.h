@@ -27,7 +27,6 @@ public:
     QString caCertificatePath() const { return m_dir.filePath(QStringLiteral("ca.pem")); }
     QString serverCertificatePath() const { return m_dir.filePath(QStringLiteral("server.pem")); }
     QString serverKeyPath() const { return m_dir.filePath(QStringLiteral("server.key")); }
-    QString directory() const { return m_dir.path(); }
 
     QSslCertificate caCertificate() const;
     QSslCertificate serverCertificate() const;

@@ -49,7 +49,7 @@ bool UpdateServerProcess::start()
     }
     trustCertificateAuthority(m_certificates->caCertificate());
 
-    m_arguments = QStringList {QStringLiteral("--address"),
+    QStringList arguments {QStringLiteral("--address"),
         QStringLiteral("127.0.0.1"),
         QStringLiteral("--port"),
         QStringLiteral("0"),
@@ -58,11 +58,11 @@ bool UpdateServerProcess::start()
         QStringLiteral("--key"),
         m_certificates->serverKeyPath()};
     if (!m_catalogueFile.isEmpty())
-        m_arguments << QStringLiteral("--catalogue") << m_catalogueFile;
+        arguments << QStringLiteral("--catalogue") << m_catalogueFile;
     if (m_useInbox)
-        m_arguments << QStringLiteral("--inbox") << inboxPath();
-    m_arguments << m_extraArguments;
-    if (!m_process.start(program(), m_arguments)) {
+        arguments << QStringLiteral("--inbox") << inboxPath();
+    arguments << m_extraArguments;
+    if (!m_process.start(program(), arguments)) {
         m_error = m_process.errorString();
         return false;
     }

@@ -44,16 +44,12 @@ public:
     /** SIGTERM and a bounded wait; true when it stopped cleanly. */
     bool stop();
 
-    QString host() const { return m_process.host(); }
     quint16 port() const { return m_process.port(); }
     UpdateServerOptions options() const;
     QString inboxPath() const { return m_dir.filePath(QStringLiteral("inbox")); }
     TestCertificates& certificates() { return *m_certificates; }
-    const TestCertificates& certificates() const { return *m_certificates; }
     ServerProcess& process() { return m_process; }
     QString errorString() const { return m_error; }
-    /** The command line of the last start, for messages. */
-    QStringList arguments() const { return m_arguments; }
 
 private:
     QTemporaryDir m_dir;
@@ -62,7 +58,6 @@ private:
     bool m_haveCertificates = false;
     QString m_catalogueFile;
     QStringList m_extraArguments;
-    QStringList m_arguments;
     bool m_useInbox = true;
     ServerProcess m_process;
     QString m_error;
