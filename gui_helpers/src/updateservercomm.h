@@ -142,10 +142,7 @@ public:
      * Sends the logs in the directory of @p path whose full names contain @p pattern, except
      * @p path's own file (still being written), as one USAGE record: a tree holding one
      * binary setting per file, keyed by the file's base name. Returns the (empty) tree of
-     * the acknowledgement, or an error tree. Any other outcome (a dropped connection, an
-     * invalid or different reply) is an error tree too, "No acknowledgement from the update
-     * server (<what came>)", so that a caller never takes it for an acceptance and deletes
-     * logs the server never took.
+     * the acknowledgement, or an error tree.
      */
     veltrax::SettingsFile prepAndSendUsageDataAndHandleReply(const QString& path, const QString& pattern);
 

@@ -69,8 +69,6 @@ private Q_SLOTS:
     void destructorWaitsForARunningRequest();
     void usageRecordCarriesTheClosedLogsOnly_data();
     void usageRecordCarriesTheClosedLogsOnly();
-    void usageWithoutAcknowledgementIsAnError_data();
-    void usageWithoutAcknowledgementIsAnError();
     void blockingCallOnTheConnectionsThreadIsRefused();
 
 private:
@@ -448,38 +446,6 @@ void UpdateServerCommTest::usageRecordCarriesTheClosedLogsOnly()
 
     QVERIFY(pending.wait(kWait));
     QVERIFY(pending.tree().empty());
-}
-
-void UpdateServerCommTest::usageWithoutAcknowledgementIsAnError_data()
-{
-    QTest::addColumn<QByteArray>("reply"); // written once the record is in; then the connection closes
-    QTest::addColumn<QString>("message");
-    QTest::newRow("connection dropped") << QByteArray() << QStringLiteral("No acknowledgement from the update server (CLOSED)");
-    QTest::newRow("another reply word") << frame("LIST", textTree({{"a", "b"}})) << QStringLiteral("No acknowledgement from the update server (LIST)");
-    // An invalid reply leaves the request waiting; the close then ends it.
-    QTest::newRow("acknowledgement without USAGE") << QByteArray("ACK 2 OK") << QStringLiteral("No acknowledgement from the update server (CLOSED)");
-}
-
-void UpdateServerCommTest::usageWithoutAcknowledgementIsAnError()
-{
-    QFETCH(QByteArray, reply);
-    QFETCH(QString, message);
-    QTemporaryDir dir;
-    QVERIFY(writeFile(dir.filePath(QStringLiteral("MyApp_usage_1.log")), "first run\n"));
-    auto server = makeServer();
-    QVERIFY(server);
-    auto comm = connectTo(*server);
-    QVERIFY(comm);
-    PendingReply pending(new SendUsageDataToServer(*comm, dir.filePath(QStringLiteral("MyApp_usage_now.log")), QStringLiteral("MyApp_usage")));
-    QTRY_VERIFY_WITH_TIMEOUT(server->received().count(' ') >= 2, kWait);
-    const int second = server->received().indexOf(' ', 6);
-    const int length = server->received().mid(6, second - 6).toInt();
-    QTRY_COMPARE_WITH_TIMEOUT(server->received().size(), second + 1 + length, kWait);
-    ScriptedTlsServer::dribble(server->lastConnection(), reply, qMax(1, reply.size()), 0, true);
-
-    QVERIFY(pending.wait(kWait));
-    QCOMPARE(QString::fromStdString(pending.tree().setting("error.message").toStdString()), message);
-    QCOMPARE(QString::fromStdString(pending.tree().setting("error.command").toStdString()), QStringLiteral("USAGE"));
 }
 
 void UpdateServerCommTest::blockingCallOnTheConnectionsThreadIsRefused()
