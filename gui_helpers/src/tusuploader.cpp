@@ -322,47 +322,7 @@ void TusUploader::onNetworkError(QNetworkReply::NetworkError code)
     if (m_state == TusState::Start)
         QTimer::singleShot(int(m_retryDelay), this, &TusUploader::sendStart);
     else if (m_state == TusState::Patch)
-        QTimer::singleShot(int(m_retryDelay), this, &TusUploader::sendOffsetQuery);
-}
-
-void TusUploader::sendOffsetQuery()
-{
-    veltrax::Lock lock(m_mutex);
-    if (m_state != TusState::Patch)
-        return;
-    QNetworkRequest request {QUrl(m_uploadUrl)};
-    request.setRawHeader(QByteArrayLiteral("Tus-Resumable"), TusVersion);
-    fillAuthentication(request);
-
-    prepareRequest(request);
-    QNetworkReply* reply = m_netManager->head(request);
-    m_reply = reply;
-    connect(reply, &QNetworkReply::finished, this, &TusUploader::onOffsetQueryFinished);
-    connect(reply, &QNetworkReply::errorOccurred, this, &TusUploader::onNetworkError);
-}
-
-void TusUploader::onOffsetQueryFinished()
-{
-    veltrax::Lock lock(m_mutex);
-    QNetworkReply* reply = takeFinishedReply(200, __func__, QStringLiteral("offset of %1").arg(m_filePath));
-    if (!reply)
-        return;
-    bool ok = false;
-    const qint64 stored = reply->rawHeader(QByteArrayLiteral("Upload-Offset")).toLongLong(&ok);
-    if (ok && stored >= 0 && stored <= m_fileSize) {
-        if (stored != m_offset)
-            JALERT(m_filePath << ": the server holds " << stored << " bytes, going on from there instead of " << m_offset);
-        m_offset = stored;
-    }
-    // An offset that makes no sense leaves the acknowledged one: the resend then gets the
-    // server's own answer.
-    if (m_offset == m_fileSize) {
-        finish(lock);
-        return;
-    }
-    const QString failure = patchNextChunk();
-    if (!failure.isEmpty())
-        fail(lock, failure);
+        QTimer::singleShot(int(m_retryDelay), this, &TusUploader::sendPatch);
 }
 
 void TusUploader::onProgress(qint64 bytesSent, qint64 bytesTotal)

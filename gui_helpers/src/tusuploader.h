@@ -45,16 +45,16 @@ GUI_HELPERS_EXPORT std::ostream& operator<<(std::ostream& stream, TusState state
  *
  * Failures:
  * - A transport failure (connection refused, reset, host not found, time-out, TLS) resends
- *   the step that failed after 5000 ms, as often as it takes. Before a lost chunk goes
- *   again, a HEAD asks the server for its "Upload-Offset" and the upload goes on from
- *   there: a server that was killed while a chunk arrived keeps what it had written, and
- *   resending the whole chunk at the old offset would only be refused (409), or, for a
- *   body larger than the socket buffers, be cut off before the refusal is read and retried
- *   for ever. A HEAD that fails in transport is retried the same way.
+ *   the step that failed, unchanged, after 5000 ms, as often as it takes. A PATCH is resent
+ *   at the offset the server last acknowledged; nothing asks the server for its offset, so
+ *   if it had kept part of the lost chunk it answers 409 and the upload fails. With a chunk
+ *   larger than the socket buffers that early 409 can be cut off before Qt reads it, and
+ *   the resend then repeats every 5000 ms until the object is deleted: a host that wants
+ *   to survive a server dying mid-chunk keeps chunks small or sets a deadline of its own.
  * - An HTTP error status ends the upload: state Error and uploadFailed() with the reply's
  *   error text. A server that answers and closes the connection before it has read a
  *   large body (an unknown upload URL, say) looks like a broken connection to Qt, and is
- *   retried as one; the HEAD before the resend then gets the server's answer.
+ *   retried as one.
  * - A creation reply other than 201, or a chunk reply other than 204, that Qt does not
  *   count as an error (a redirect, a 200 from a server that is not tus) is only logged; the
  *   upload then stays in its state and a new start is refused until the object goes.
@@ -161,8 +161,6 @@ private Q_SLOTS:
     void onProgress(qint64 bytesSent, qint64 bytesTotal);
     void sendStart();
     void sendPatch();
-    void sendOffsetQuery();
-    void onOffsetQueryFinished();
 
 private:
     Q_DISABLE_COPY(TusUploader)
