@@ -65,7 +65,8 @@ private:
             const bool headOnly = request.startsWith("HEAD ");
             return headOnly || in.size() - end - 4 >= length || socket.state() != QAbstractSocket::ConnectedState;
         };
-        QTest::qWaitFor(complete, 5000);
+        // On a time-out what did arrive is parsed below, and the test's checks fail on it.
+        static_cast<void>(QTest::qWaitFor(complete, 5000));
         const int end = in.indexOf("\r\n\r\n");
         if (end < 0) {
             answer.closed = true;
