@@ -303,6 +303,20 @@ void Journaller::setFlushLevel(JournalLogLevel level, bool writeNotice)
         log(JLL_WRITE, std::string("setFlushLevel Flush level switched to ") + journalLevelText(level));
 }
 
+void Journaller::switchFile(std::shared_ptr<JournalFile> file, const std::string& name)
+{
+    // Lines begun for the old file end there, not half in one file and half in the other.
+    std::lock_guard<std::mutex> lock(m_threader->m_mutex);
+    for (auto& item : m_threader->m_lines)
+        flushLineLocked(item.second);
+    if (m_file) {
+        m_file->flush();
+        m_file->removeRef();
+    }
+    m_file = std::move(file);
+    m_fileName = name;
+}
+
 bool Journaller::moveLogFile(const VxString& newName, bool purge, bool writeHeader)
 {
     log(JLL_WRITE, "moveLogFile Switching to file " + newName.toStdString());
@@ -311,15 +325,7 @@ bool Journaller::moveLogFile(const VxString& newName, bool purge, bool writeHead
         log(JLL_WRITE, "moveLogFile Could not switch to new log location " + newName.toStdString());
         return false;
     }
-    {
-        std::lock_guard<std::mutex> lock(m_threader->m_mutex);
-        for (auto& item : m_threader->m_lines)
-            flushLineLocked(item.second);
-        if (m_file)
-            m_file->flush();
-        m_file = std::move(fresh);
-        m_fileName = newName.toStdString();
-    }
+    switchFile(std::move(fresh), newName.toStdString());
     if (writeHeader)
         writeFileHeader();
     return true;
@@ -341,18 +347,8 @@ bool Journaller::moveLogs(Journaller* other, bool writeHeader)
         log(JLL_WRITE, "moveLogs Could not switch to new log location " + targetName);
         return false;
     }
-    {
-        std::lock_guard<std::mutex> lock(m_threader->m_mutex);
-        for (auto& item : m_threader->m_lines)
-            flushLineLocked(item.second);
-        if (m_file)
-            m_file->flush();
-        target->addRef();
-        if (m_file)
-            m_file->removeRef();
-        m_file = std::move(target);
-        m_fileName = targetName;
-    }
+    target->addRef();
+    switchFile(std::move(target), targetName);
     if (writeHeader)
         writeFileHeader();
     return true;

@@ -168,6 +168,7 @@ private:
     void init(const VxString& fileName, bool purge);
     void appendPieceLocked(JournalThreader::ThreadLine& tl, const char* data, size_t size);
     void flushLineLocked(JournalThreader::ThreadLine& tl);
+    void switchFile(std::shared_ptr<JournalFile> file, const std::string& name);
     size_t formatPrefix(char* out, size_t capacity) const;
 
     std::shared_ptr<JournalFile> m_file;

@@ -706,32 +706,34 @@ size_t SettingsFile::replacePrefix(const std::string& oldPrefix, const std::stri
     return moving.size();
 }
 
-size_t SettingsFile::updateValues(const SettingsFile& source, const std::string& prefix)
+namespace
+{
+/** Copies into @p tree the values @p source has for the names of @p tree that match. */
+template <typename Predicate> size_t updateFrom(SettingsFile& tree, const SettingsFile& source, Predicate&& matches)
 {
     size_t updated = 0;
-    for (const auto& s : collect(*this, [&](const std::string& name) {
-             return startsWithNoCase(name, prefix);
-         })) {
+    for (const auto& s : collect(tree, matches)) {
         if (const Variant* v = source.findValue(s.first)) {
-            setSetting(s.first, Variant(*v));
+            tree.setSetting(s.first, Variant(*v));
             ++updated;
         }
     }
     return updated;
 }
+}
+
+size_t SettingsFile::updateValues(const SettingsFile& source, const std::string& prefix)
+{
+    return updateFrom(*this, source, [&](const std::string& name) {
+        return startsWithNoCase(name, prefix);
+    });
+}
 
 size_t SettingsFile::updateValuesPostfix(const SettingsFile& source, const std::string& postfix)
 {
-    size_t updated = 0;
-    for (const auto& s : collect(*this, [&](const std::string& name) {
-             return endsWithNoCase(name, postfix);
-         })) {
-        if (const Variant* v = source.findValue(s.first)) {
-            setSetting(s.first, Variant(*v));
-            ++updated;
-        }
-    }
-    return updated;
+    return updateFrom(*this, source, [&](const std::string& name) {
+        return endsWithNoCase(name, postfix);
+    });
 }
 
 size_t SettingsFile::clearPostfix(const std::string& postfix)

@@ -150,7 +150,13 @@ void VxByteArray::detach(size_t minCapacity)
         capacity = 16;
     while (capacity < minCapacity)
         capacity = capacity > SIZE_MAX / 2 ? minCapacity : capacity * 2;
-    char* fresh = static_cast<char*>(m_view ? std::malloc(capacity) : std::realloc(m_data, capacity));
+    reallocate(capacity);
+}
+
+void VxByteArray::reallocate(size_t capacity)
+{
+    // A view's bytes belong to somebody else: copied, never realloc'd.
+    char* fresh = static_cast<char*>(m_view ? std::malloc(capacity ? capacity : 1) : std::realloc(m_data, capacity ? capacity : 1));
     if (!fresh)
         throw std::bad_alloc();
     if (m_view && m_size)
@@ -178,14 +184,7 @@ void VxByteArray::reserve(size_t capacity)
         if (capacity < m_size)
             capacity = m_size;
         // reserve() asks for an exact size; growth by doubling is append's business.
-        char* fresh = static_cast<char*>(m_view ? std::malloc(capacity ? capacity : 1) : std::realloc(m_data, capacity ? capacity : 1));
-        if (!fresh)
-            throw std::bad_alloc();
-        if (m_view && m_size)
-            std::memcpy(fresh, m_data, m_size);
-        m_data = fresh;
-        m_capacity = capacity;
-        m_view = false;
+        reallocate(capacity);
     }
 }
 

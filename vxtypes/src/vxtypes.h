@@ -109,6 +109,7 @@ public:
 
 private:
     void detach(size_t minCapacity);
+    void reallocate(size_t capacity);
     char* growSlowly(size_t count);
 
     char* m_data = nullptr;
