@@ -10,52 +10,22 @@
 #include "journaller.h"
 #include "journalview.h"
 #include "mainwindow.h"
+#include "quitonsignals.h"
 #include "screenshotrun.h"
 #include "watchdog.h"
 
 #include <QApplication>
 #include <QDir>
 #include <QMessageBox>
-#include <QSocketNotifier>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace
 {
-
-int s_signalPair[2] = {-1, -1};
-
-void onSignal(int)
-{
-    const char byte = 1;
-    [[maybe_unused]] ssize_t n = ::write(s_signalPair[0], &byte, 1);
-}
-
-/** SIGINT and SIGTERM end the event loop, so the child server and the logs are cleaned up. */
-void quitOnSignals(QCoreApplication& app)
-{
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, s_signalPair) != 0)
-        return;
-    auto* notifier = new QSocketNotifier(s_signalPair[1], QSocketNotifier::Read, &app);
-    QObject::connect(notifier, &QSocketNotifier::activated, &app, [] {
-        char byte;
-        [[maybe_unused]] ssize_t n = ::read(s_signalPair[1], &byte, 1);
-        QCoreApplication::quit();
-    });
-    struct sigaction action = {};
-    action.sa_handler = onSignal;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
-}
 
 /** Qt's own messages go to the journal like everything else; warnings also to standard error. */
 void journalQtMessage(QtMsgType type, const QMessageLogContext&, const QString& message)
@@ -128,7 +98,7 @@ int main(int argc, char** argv)
     std::unique_ptr<Watchdog> watchdog;
     if (options.headless())
         watchdog = std::make_unique<Watchdog>(options.timeoutSeconds);
-    quitOnSignals(app);
+    quitOnSignals(app); // the child server and the logs are cleaned up on the way out
 
     QTemporaryDir throwawayProfile;
     if (!options.profileDir.isEmpty())

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // gui_helpers_update_server: the reference update server. See --help.
+#include "quitonsignals.h"
 #include "referenceserver.h"
 
 #include <QCommandLineParser>
@@ -8,25 +9,13 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QHostAddress>
-#include <QSocketNotifier>
 #include <QSslSocket>
 
 #include <csignal>
 #include <cstdio>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace
 {
-
-int s_signalPipe[2] = {-1, -1};
-
-void onSignal(int)
-{
-    const char byte = 1;
-    // Only async-signal-safe work here; the event loop does the rest.
-    [[maybe_unused]] ssize_t n = ::write(s_signalPipe[0], &byte, 1);
-}
 
 [[noreturn]] void fail(const QString& message, int code = 1)
 {
@@ -167,20 +156,8 @@ int main(int argc, char** argv)
 
     const veltrax::SettingsFile catalogue = loadCatalogue(parser.value(QStringLiteral("catalogue")));
 
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, s_signalPipe) != 0)
+    if (!quitOnSignals(app))
         fail(QStringLiteral("cannot set up signal handling"));
-    QSocketNotifier signalNotifier(s_signalPipe[1], QSocketNotifier::Read);
-    QObject::connect(&signalNotifier, &QSocketNotifier::activated, &app, [&] {
-        char byte;
-        [[maybe_unused]] ssize_t n = ::read(s_signalPipe[1], &byte, 1);
-        QCoreApplication::quit();
-    });
-    struct sigaction action = {};
-    action.sa_handler = onSignal;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
 
     ReferenceServer server(chain, key, catalogue, behaviour);
