@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
-// The journal's file disappearing, or refusing writes, while threads are
-// logging.
+// The journal's file disappearing, or refusing writes, while threads are logging.
 #include "journaller.h"
 
 #include <QDir>
@@ -10,169 +9,161 @@
 #include <QTest>
 
 #include <atomic>
+#include <memory>
 #include <thread>
 #include <vector>
 
-namespace {
-QByteArray readAll(const QString &path) {
-  QFile f(path);
-  return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+namespace
+{
+QByteArray readAll(const QString& path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
-// Lines of @p text that carry @p marker, each checked to be one whole line.
-int countIntactLines(const QByteArray &text, const QByteArray &marker) {
-  int n = 0;
-  for (const QByteArray &line : text.split('\n')) {
-    if (!line.contains(marker))
-      continue;
-    if (!line.contains("[DEBUG] ") || !line.endsWith(" end"))
-      return -1;
-    ++n;
-  }
-  return n;
-}
-
-// Logs from @p threads threads until told to stop, counting the lines written.
-class Writers {
-public:
-  Writers(Journaller &journal, int threads) {
-    for (int t = 0; t < threads; ++t) {
-      m_threads.emplace_back([this, &journal, t] {
-        for (int i = 0; !m_stop.load(); ++i) {
-          journal.log(JLL_DEBUG, "writer " + std::to_string(t) + " line " +
-                                     std::to_string(i) + " end");
-          m_lines.fetch_add(1);
-        }
-        journal.cleanupThread();
-      });
+/** Lines of @p text that carry @p marker, or -1 when one of them is not a whole line. */
+int countIntactLines(const QByteArray& text, const QByteArray& marker)
+{
+    int n = 0;
+    for (const QByteArray& line : text.split('\n')) {
+        if (!line.contains(marker))
+            continue;
+        if (!line.contains("[DEBUG] ") || !line.endsWith(" end"))
+            return -1;
+        ++n;
     }
-  }
-  ~Writers() { stop(); }
-  int lines() const { return m_lines.load(); }
-  void stop() {
-    m_stop = true;
-    for (auto &t : m_threads)
-      if (t.joinable())
-        t.join();
-  }
+    return n;
+}
+
+/** A journal at @p path that writes no console copy and flushes every line at once. */
+std::unique_ptr<Journaller> quietJournal(const QString& path, bool truncate)
+{
+    auto journal = std::make_unique<Journaller>(path.toStdString(), truncate, JLL_DEBUG);
+    journal->setDebugLevel(JLL_DISABLE, false);
+    journal->setFlushLevel(JLL_DEBUG, false);
+    return journal;
+}
+
+/** Logs from @p threads threads until it goes, counting the lines written. */
+class Writers
+{
+public:
+    Writers(Journaller& journal, int threads)
+    {
+        for (int t = 0; t < threads; ++t) {
+            m_threads.emplace_back([this, &journal, t] {
+                for (int i = 0; !m_stop.load(); ++i) {
+                    journal.log(JLL_DEBUG, "writer " + std::to_string(t) + " line " + std::to_string(i) + " end");
+                    m_lines.fetch_add(1);
+                }
+                journal.cleanupThread();
+            });
+        }
+    }
+    ~Writers()
+    {
+        m_stop = true;
+        for (auto& t : m_threads)
+            t.join();
+    }
+    int lines() const { return m_lines.load(); }
+    /** Waits until @p more lines more than now were written. */
+    bool waitForMore(int more) const
+    {
+        const int target = lines() + more;
+        return QTest::qWaitFor(
+            [&] {
+                return lines() > target;
+            },
+            5000);
+    }
 
 private:
-  std::vector<std::thread> m_threads;
-  std::atomic<bool> m_stop{false};
-  std::atomic<int> m_lines{0};
+    std::vector<std::thread> m_threads;
+    std::atomic<bool> m_stop {false};
+    std::atomic<int> m_lines {0};
 };
 } // namespace
 
-class JournalFaultTest : public QObject {
-  Q_OBJECT
+class JournalFaultTest : public QObject
+{
+    Q_OBJECT
 private Q_SLOTS:
-  void fileRemovedWhileThreadsLogKeepsLoggingAndCanMove() {
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("j.log"));
-    const QString next = dir.filePath(QStringLiteral("next.log"));
-    Journaller journal(path.toStdString(), true, JLL_DEBUG);
-    journal.setDebugLevel(JLL_DISABLE, false);
-    journal.setFlushLevel(JLL_DEBUG,
-                          false); // every line reaches the file at once
+    void fileRemovedWhileThreadsLogKeepsLoggingAndCanMove()
     {
-      Writers writers(journal, 3);
-      QTRY_VERIFY(writers.lines() > 200);
-      QVERIFY(QFile::remove(path));
-      const int atRemoval = writers.lines();
-      QTRY_VERIFY(writers.lines() > atRemoval + 200);
-      // A new file under the same name is not ours: nothing may land in it.
-      QFile stranger(path);
-      QVERIFY(stranger.open(QIODevice::WriteOnly));
-      stranger.write("stranger\n");
-      stranger.close();
-      const int atStranger = writers.lines();
-      QTRY_VERIFY(writers.lines() > atStranger + 200);
-
-      QVERIFY(journal.moveLogFile(next.toStdString(), true, false));
-      const int atMove = writers.lines();
-      QTRY_VERIFY(writers.lines() > atMove + 200);
+        QTemporaryDir dir;
+        const QString path = dir.filePath(QStringLiteral("j.log"));
+        const QString next = dir.filePath(QStringLiteral("next.log"));
+        const auto journal = quietJournal(path, true);
+        {
+            Writers writers(*journal, 3);
+            QVERIFY(writers.waitForMore(200));
+            QVERIFY(QFile::remove(path));
+            QVERIFY(writers.waitForMore(200));
+            // A new file under the same name is not ours: nothing may land in it.
+            QFile stranger(path);
+            QVERIFY(stranger.open(QIODevice::WriteOnly));
+            stranger.write("stranger\n");
+            stranger.close();
+            QVERIFY(writers.waitForMore(200));
+            QVERIFY(journal->moveLogFile(next.toStdString(), true, false));
+            QVERIFY(writers.waitForMore(200));
+        }
+        journal->flush();
+        QCOMPARE(readAll(path), QByteArray("stranger\n"));
+        const QByteArray moved = readAll(next);
+        QVERIFY(moved.endsWith('\n') && moved.count('\n') > 200);
+        QCOMPARE(countIntactLines(moved, "writer "), moved.count('\n')); // every line whole
     }
-    journal.flush();
-    QCOMPARE(readAll(path), QByteArray("stranger\n"));
-    const QByteArray moved = readAll(next);
-    QVERIFY(moved.endsWith('\n'));
-    QVERIFY(moved.count('\n') > 200);
-    QCOMPARE(countIntactLines(moved, "writer "),
-             moved.count('\n')); // every line whole
-  }
 
-  void directoryRemovedWhileLoggingRefusesMoveThere() {
-    QTemporaryDir outer;
-    const QString logDir = outer.filePath(QStringLiteral("logs"));
-    QVERIFY(QDir().mkpath(logDir));
-    Journaller journal((logDir + QStringLiteral("/j.log")).toStdString(), true,
-                       JLL_DEBUG);
-    journal.setDebugLevel(JLL_DISABLE, false);
-    journal.log(JLL_DEBUG, "before removal end");
-    QVERIFY(QDir(logDir).removeRecursively());
-
-    journal.log(JLL_ALERT,
-                "after removal end"); // flushed at once into the vanished file
-    journal.flush();
-    const std::string elsewhere =
-        (logDir + QStringLiteral("/again.log")).toStdString();
-    QVERIFY(!journal.moveLogFile(elsewhere, true, false));
-    QVERIFY(!QFileInfo::exists(logDir));
-
-    // Once the directory is back the journal moves there and writes whole lines
-    // again.
-    QVERIFY(QDir().mkpath(logDir));
-    QVERIFY(journal.moveLogFile(elsewhere, true, false));
-    journal.log(JLL_DEBUG, "writer back end");
-    journal.flush();
-    QCOMPARE(countIntactLines(readAll(QString::fromStdString(elsewhere)),
-                              "writer back"),
-             1);
-  }
-
-  void fullDeviceDropsLinesWithoutHarm() {
-    // Every write to /dev/full fails with "no space left": lines are dropped,
-    // the journal keeps running and can be moved to a usable file afterwards.
-    if (!QFileInfo::exists(QStringLiteral("/dev/full")))
-      QSKIP("no /dev/full here");
-    QTemporaryDir dir;
-    Journaller journal("/dev/full", false, JLL_DEBUG);
-    journal.setDebugLevel(JLL_DISABLE, false);
-    journal.setFlushLevel(JLL_DEBUG, false);
+    void directoryRemovedWhileLoggingRefusesMoveThere()
     {
-      Writers writers(journal, 2);
-      QTRY_VERIFY(writers.lines() > 500);
-    }
-    journal.flush();
-    const QString next = dir.filePath(QStringLiteral("j.log"));
-    QVERIFY(journal.moveLogFile(next.toStdString(), true, false));
-    journal.log(JLL_DEBUG, "writer recovered end");
-    journal.flush();
-    QCOMPARE(countIntactLines(readAll(next), "writer recovered"), 1);
-  }
+        QTemporaryDir outer;
+        const QString logDir = outer.filePath(QStringLiteral("logs"));
+        QVERIFY(QDir().mkpath(logDir));
+        Journaller journal((logDir + QStringLiteral("/j.log")).toStdString(), true, JLL_DEBUG);
+        journal.setDebugLevel(JLL_DISABLE, false);
+        journal.log(JLL_DEBUG, "before removal end");
+        QVERIFY(QDir(logDir).removeRecursively());
+        journal.log(JLL_ALERT, "after removal end"); // flushed at once into the vanished file
+        journal.flush();
+        const std::string elsewhere = (logDir + QStringLiteral("/again.log")).toStdString();
+        QVERIFY(!journal.moveLogFile(elsewhere, true, false));
+        QVERIFY(!QFileInfo::exists(logDir));
 
-  void journalsSharingAFullDeviceLogConcurrently() {
-    // Two journals on one file (moveLogs) write under different line-buffer
-    // locks; failing writes must still be safe to report from both at once.
-    if (!QFileInfo::exists(QStringLiteral("/dev/full")))
-      QSKIP("no /dev/full here");
-    QTemporaryDir dir;
-    Journaller first("/dev/full", false, JLL_DEBUG);
-    Journaller second(dir.filePath(QStringLiteral("second.log")).toStdString(),
-                      true, JLL_DEBUG);
-    for (Journaller *j : {&first, &second}) {
-      j->setDebugLevel(JLL_DISABLE, false);
-      j->setFlushLevel(JLL_DEBUG, false);
+        // Once the directory is back the journal moves there and writes whole lines again.
+        QVERIFY(QDir().mkpath(logDir));
+        QVERIFY(journal.moveLogFile(elsewhere, true, false));
+        journal.log(JLL_DEBUG, "writer back end");
+        journal.flush();
+        QCOMPARE(countIntactLines(readAll(QString::fromStdString(elsewhere)), "writer back"), 1);
     }
-    QVERIFY(second.moveLogs(&first, false));
+
+    void fullDeviceDropsLinesWithoutHarm()
     {
-      Writers a(first, 2);
-      Writers b(second, 2);
-      QTRY_VERIFY(a.lines() > 500 && b.lines() > 500);
+        // Every write to /dev/full fails with "no space left": lines are dropped, the journal
+        // keeps running and can be moved to a usable file afterwards. A second journal on the
+        // same file (moveLogs) writes under another line-buffer lock: failing writes must be
+        // safe to report from both at once.
+        if (!QFileInfo::exists(QStringLiteral("/dev/full")))
+            QSKIP("no /dev/full here");
+        QTemporaryDir dir;
+        const auto journal = quietJournal(QStringLiteral("/dev/full"), false);
+        const auto second = quietJournal(dir.filePath(QStringLiteral("second.log")), true);
+        QVERIFY(second->moveLogs(journal.get(), false));
+        {
+            Writers a(*journal, 2);
+            Writers b(*second, 2);
+            QVERIFY(a.waitForMore(500) && b.waitForMore(500));
+        }
+        journal->flush();
+        second->flush();
+        const QString next = dir.filePath(QStringLiteral("j.log"));
+        QVERIFY(journal->moveLogFile(next.toStdString(), true, false));
+        journal->log(JLL_DEBUG, "writer recovered end");
+        journal->flush();
+        QCOMPARE(countIntactLines(readAll(next), "writer recovered"), 1);
     }
-    first.flush();
-    second.flush();
-  }
 };
 
 QTEST_GUILESS_MAIN(JournalFaultTest)

@@ -58,51 +58,49 @@ bool waitUntil(const std::function<bool()>& done, int timeoutMs)
 
 enum class Request { List, List2, Get2 };
 
-veltrax::SettingsFile callBlocking(Request kind, UpdateServerComm& comm)
-{
-    const QString id = QStringLiteral("product");
-    const QString mask = QStringLiteral("mask");
-    switch (kind) {
-    case Request::List:
-        return comm.list(id, mask);
-    case Request::List2:
-        return comm.list2(id, mask);
-    case Request::Get2:
-        break;
-    }
-    return comm.get2(id, mask, QStringLiteral("1.2.3"));
-}
-
 /**
  * Makes one blocking request on a worker thread, as ServerRequest does, and runs this
  * thread's event loop (which owns the connection) until it returns, boundedly. The reply
  * comes back through the thread's join rather than a queued signal, so ThreadSanitizer sees
  * the hand-over.
  */
-class RequestRunner
+bool run(Request kind, UpdateServerComm& comm, veltrax::SettingsFile& reply)
 {
-public:
-    bool run(Request kind, UpdateServerComm& comm, veltrax::SettingsFile& reply)
-    {
-        std::atomic<bool> done {false};
-        veltrax::SettingsFile result;
-        std::thread worker([&] {
-            result = callBlocking(kind, comm);
-            done = true;
-        });
-        const bool returned = waitUntil(
-            [&] {
-                return done.load();
-            },
-            kWait);
-        if (!returned)
-            comm.terminate(); // lets the worker go, so the test fails instead of hanging
-        worker.join();
-        reply = result;
-        return returned;
-    }
-};
+    std::atomic<bool> done {false};
+    std::thread worker([&] {
+        const QString id = QStringLiteral("product");
+        const QString mask = QStringLiteral("mask");
+        reply = kind == Request::List ? comm.list(id, mask) : kind == Request::List2 ? comm.list2(id, mask) : comm.get2(id, mask, QStringLiteral("1.2.3"));
+        done = true;
+    });
+    const bool returned = waitUntil(
+        [&] {
+            return done.load();
+        },
+        kWait);
+    if (!returned)
+        comm.terminate(); // lets the worker go, so the test fails instead of hanging
+    worker.join();
+    return returned;
 }
+
+UpdateServerOptions loopback(quint16 port)
+{
+    UpdateServerOptions options;
+    options.serverAddress = QStringLiteral("127.0.0.1");
+    options.port = port;
+    return options;
+}
+
+bool waitForConnections(const ScriptedTlsServer& server, int count)
+{
+    return waitUntil(
+        [&] {
+            return server.connections().size() >= count;
+        },
+        kWait);
+}
+} // namespace
 
 class UpdateServerCloseTest : public QObject
 {
@@ -150,20 +148,16 @@ private Q_SLOTS:
                 ScriptedTlsServer::dribble(socket, reply.left(cut), 1, 1, true);
         });
 
-        UpdateServerOptions options;
-        options.serverAddress = QStringLiteral("127.0.0.1");
-        options.port = server.serverPort();
         QSignalSpy encrypted(&server, &ScriptedTlsServer::encryptedConnection);
-        UpdateServerComm comm(nullptr, options);
+        UpdateServerComm comm(nullptr, loopback(server.serverPort()));
         QVERIFY(encrypted.wait(kWait));
 
         const auto requestKind = static_cast<Request>(kind);
-        RequestRunner runner;
         for (int position = 0; position < reply.size(); ++position) {
             const QByteArray where = "closed after " + QByteArray::number(position) + " bytes";
             cut = position;
             veltrax::SettingsFile cutShort;
-            QVERIFY2(runner.run(requestKind, comm, cutShort), where.constData());
+            QVERIFY2(run(requestKind, comm, cutShort), where.constData());
             // Nothing half-read may pass for a reply: an empty tree, the dropped connection.
             QVERIFY2(cutShort.empty(), where.constData());
 
@@ -172,7 +166,7 @@ private Q_SLOTS:
             comm.tryToConnectToServer();
             QVERIFY2(encrypted.wait(kWait), where.constData());
             veltrax::SettingsFile whole;
-            QVERIFY2(runner.run(requestKind, comm, whole), where.constData());
+            QVERIFY2(run(requestKind, comm, whole), where.constData());
             if (message.isEmpty()) {
                 QVERIFY2(!whole.empty() && !whole.hasSubTree("error"), where.constData());
                 VxByteArray bytes;
@@ -200,32 +194,19 @@ private Q_SLOTS:
             socket->write(frame("LIST", treeBytes(treeWith("a", "b"))));
         });
 
-        UpdateServerOptions options;
-        options.serverAddress = QStringLiteral("127.0.0.1");
-        options.port = server.serverPort();
-        UpdateServerComm comm(nullptr, options);
-        RequestRunner runner;
+        UpdateServerComm comm(nullptr, loopback(server.serverPort()));
         for (int attempt = 0; attempt < 20; ++attempt) {
             const QByteArray where = "attempt " + QByteArray::number(attempt);
-            QVERIFY2(waitUntil(
-                         [&] {
-                             return server.connections().size() > attempt;
-                         },
-                         kWait),
-                where.constData());
+            QVERIFY2(waitForConnections(server, attempt + 1), where.constData());
             veltrax::SettingsFile tree;
-            QVERIFY2(runner.run(Request::List, comm, tree), where.constData());
+            QVERIFY2(run(Request::List, comm, tree), where.constData());
             QVERIFY2(tree.setting("a").empty(), where.constData());
             comm.tryToConnectToServer();
         }
         dropIdle = false;
-        QVERIFY(waitUntil(
-            [&] {
-                return server.connections().size() > 20;
-            },
-            kWait));
+        QVERIFY(waitForConnections(server, 21));
         veltrax::SettingsFile tree;
-        QVERIFY(runner.run(Request::List, comm, tree));
+        QVERIFY(run(Request::List, comm, tree));
         QCOMPARE(tree.setting("a").toStdString(), std::string("b"));
     }
 
