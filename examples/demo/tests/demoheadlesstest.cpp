@@ -2,6 +2,8 @@
 //
 // The demo's headless run, as a new user starts it: a real process, real servers on
 // loopback, real PNG files.
+#include "testhelpers.h"
+
 #include <QDir>
 #include <QFileInfo>
 #include <QHostAddress>
@@ -118,86 +120,50 @@ private Q_SLOTS:
             text.constData());
     }
 
-    void missingUpdateServerProgramFailsClearly()
+    void failingRunExplains_data()
     {
-        QTemporaryDir shots;
-        const Run run
-            = runDemo({QStringLiteral("--screenshots"), shots.path(), QStringLiteral("--update-server-program"), QStringLiteral("/nonexistent/server")}, 30000);
-        QCOMPARE(run.exitCode, 1);
-        QVERIFY2(run.err.contains(QLatin1String("FAILED: /nonexistent/server is not an executable program")), qPrintable(run.err));
-    }
-
-    void unreachableUpdateServerIsReported()
-    {
-        // A port on which nothing listens: the check and the usage sending must fail, not hang.
-        quint16 port = 0;
-        {
-            QTcpServer probe;
-            QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
-            port = probe.serverPort();
-        }
-        QTemporaryDir shots;
-        const Run run = runDemo({QStringLiteral("--screenshots"),
-                                    shots.path(),
-                                    QStringLiteral("--server"),
-                                    QStringLiteral("127.0.0.1"),
-                                    QStringLiteral("--port"),
-                                    QString::number(port)},
-            60000);
-        QCOMPARE(run.exitCode, 1);
-        QVERIFY2(run.err.contains(QLatin1String("gave no releases")), qPrintable(run.err));
-        QVERIFY2(run.out.contains(QLatin1String("result: ")), qPrintable(run.out));
-        // The windows are still rendered.
-        QVERIFY(QFileInfo::exists(shots.filePath(QStringLiteral("update-window.png"))));
-    }
-
-    void aHangingStartIsCutOffByTheTimeout()
-    {
-        // A "server" that never reports its port.
-        QTemporaryDir dir;
-        const QString program = dir.filePath(QStringLiteral("silent-server"));
-        QFile script(program);
-        QVERIFY(script.open(QIODevice::WriteOnly));
-        script.write("#!/bin/sh\nexec sleep 60\n");
-        script.close();
-        script.setPermissions(script.permissions() | QFileDevice::ExeOwner);
-        const Run run = runDemo({QStringLiteral("--screenshots"),
-                                    dir.filePath(QStringLiteral("shots")),
-                                    QStringLiteral("--update-server-program"),
-                                    program,
-                                    QStringLiteral("--timeout"),
-                                    QStringLiteral("5")},
-            30000);
-        QCOMPARE(run.exitCode, 3);
-        QVERIFY2(run.err.contains(QLatin1String("gave up after 5 s while starting gui_helpers_update_server")), qPrintable(run.err));
-    }
-
-    void badOptionGivesOneLineAndExitCode2_data()
-    {
-        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("arguments"); // %1: an empty directory for screenshots
+        QTest::addColumn<int>("exitCode");
         QTest::addColumn<QString>("message");
-        QTest::newRow("unknown option") << QStringList {QStringLiteral("--frobnicate")} << QStringLiteral("frobnicate");
-        QTest::newRow("port without server") << QStringList {QStringLiteral("--port"), QStringLiteral("443")} << QStringLiteral("--port belongs to --server");
-        QTest::newRow("port out of range") << QStringList {QStringLiteral("--server"), QStringLiteral("x"), QStringLiteral("--port"), QStringLiteral("70000")}
-                                           << QStringLiteral("--port must be");
-        QTest::newRow("tus url not http") << QStringList {QStringLiteral("--tus-url"), QStringLiteral("ftp://h/files")} << QStringLiteral("--tus-url must be");
-        QTest::newRow("stray argument") << QStringList {QStringLiteral("extra")} << QStringLiteral("unexpected argument");
-    }
-    void badOptionGivesOneLineAndExitCode2()
-    {
-        QFETCH(QStringList, arguments);
-        QFETCH(QString, message);
-        const Run run = runDemo(arguments, 20000);
-        QCOMPARE(run.exitCode, 2);
-        QVERIFY2(run.err.contains(message), qPrintable(run.err));
-        QCOMPARE(run.err.trimmed().count(QLatin1Char('\n')), 0);
-    }
+        QTest::addColumn<bool>("rendered"); // the windows are still drawn and a result reported
 
-    void withoutDisplayTheInteractiveDemoExplainsAndStops()
+        QTcpServer probe; // a port on which nothing listens once it closes
+        QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
+        const QString closedPort = QString::number(probe.serverPort());
+        probe.close();
+        // A "server" that never reports its port.
+        const QString silent = m_profile.filePath(QStringLiteral("silent-server"));
+        QVERIFY(writeFile(silent, "#!/bin/sh\nexec sleep 60\n"));
+        QVERIFY(QFile::setPermissions(silent, QFile::permissions(silent) | QFileDevice::ExeOwner));
+
+        QTest::newRow("missing update server program")
+            << "--screenshots %1 --update-server-program /nonexistent/server" << 1 << "FAILED: /nonexistent/server is not an executable program" << false;
+        QTest::newRow("unreachable update server") << "--screenshots %1 --server 127.0.0.1 --port " + closedPort << 1 << "gave no releases" << true;
+        QTest::newRow("hanging start cut off") << "--screenshots %1 --update-server-program " + silent + " --timeout 5" << 3
+                                               << "gave up after 5 s while starting gui_helpers_update_server" << false;
+        QTest::newRow("unknown option") << "--frobnicate" << 2 << "frobnicate" << false;
+        QTest::newRow("port without server") << "--port 443" << 2 << "--port belongs to --server" << false;
+        QTest::newRow("port out of range") << "--server x --port 70000" << 2 << "--port must be" << false;
+        QTest::newRow("tus url not http") << "--tus-url ftp://h/files" << 2 << "--tus-url must be" << false;
+        QTest::newRow("stray argument") << "extra" << 2 << "unexpected argument" << false;
+        QTest::newRow("interactive without display") << "" << 2 << "--screenshots" << false;
+    }
+    void failingRunExplains()
     {
-        const Run run = runDemo({}, 20000);
-        QCOMPARE(run.exitCode, 2);
-        QVERIFY2(run.err.contains(QLatin1String("--screenshots")), qPrintable(run.err));
+        QFETCH(QString, arguments);
+        QFETCH(int, exitCode);
+        QFETCH(QString, message);
+        QFETCH(bool, rendered);
+        QTemporaryDir shots;
+        const Run run = runDemo(arguments.replace(QLatin1String("%1"), shots.path()).split(QLatin1Char(' '), Qt::SkipEmptyParts), 60000);
+        QCOMPARE(run.exitCode, exitCode);
+        QVERIFY2(run.err.contains(message), qPrintable(run.err));
+        if (exitCode == 2) // a usage error is one line
+            QCOMPARE(run.err.trimmed().count(QLatin1Char('\n')), 0);
+        if (rendered) {
+            QVERIFY2(run.out.contains(QLatin1String("result: ")), qPrintable(run.out));
+            QVERIFY(QFileInfo::exists(shots.filePath(QStringLiteral("update-window.png"))));
+        }
     }
 };
 
