@@ -26,18 +26,14 @@ QByteArray TusServerProcess::Request::header(const QByteArray& name) const
 {
     for (const auto& h : headers) {
         if (h.first.compare(name, Qt::CaseInsensitive) == 0)
-            return h.second;
+            return h.second.isNull() ? QByteArray("") : h.second; // present, even when empty
     }
     return QByteArray();
 }
 
 bool TusServerProcess::Request::hasHeader(const QByteArray& name) const
 {
-    for (const auto& h : headers) {
-        if (h.first.compare(name, Qt::CaseInsensitive) == 0)
-            return true;
-    }
-    return false;
+    return !header(name).isNull();
 }
 
 QList<QByteArray> TusServerProcess::Request::headerNames() const
@@ -80,14 +76,10 @@ bool TusServerProcess::isInstalled(QString* why)
 bool TusServerProcess::start()
 {
     m_error.clear();
-    if (!m_dir.isValid()) {
-        m_error = QStringLiteral("no temporary directory: ") + m_dir.errorString();
-        return false;
-    }
     if (!isInstalled(&m_error))
         return false;
-    if (isRunning()) {
-        m_error = QStringLiteral("already running");
+    if (!m_dir.isValid() || isRunning()) {
+        m_error = QStringLiteral("no temporary directory, or already running");
         return false;
     }
 
@@ -108,14 +100,7 @@ bool TusServerProcess::start()
         while (m_process.canReadLine()) {
             const QByteArray line = m_process.readLine().trimmed();
             if (line.startsWith("listening ")) {
-                bool ok = false;
-                const uint port = line.mid(10).toUInt(&ok);
-                if (!ok || port == 0 || port > 65535) {
-                    m_error = QStringLiteral("unreadable port: ") + QString::fromUtf8(line);
-                    kill();
-                    return false;
-                }
-                m_port = quint16(port);
+                m_port = quint16(line.mid(10).toUInt());
                 return true;
             }
         }
@@ -142,19 +127,15 @@ bool TusServerProcess::waitForExit()
 
 bool TusServerProcess::stop()
 {
-    if (!isRunning())
-        return true;
-    m_process.terminate();
-    if (waitForExit())
-        return true;
-    return kill();
+    if (isRunning())
+        m_process.terminate();
+    return waitForExit() || kill();
 }
 
 bool TusServerProcess::kill()
 {
-    if (!isRunning())
-        return true;
-    m_process.kill();
+    if (isRunning())
+        m_process.kill();
     return waitForExit();
 }
 
@@ -190,17 +171,12 @@ QString TusServerProcess::idOfUploadUrl(const QString& uploadUrl)
 QByteArray TusServerProcess::storedData(const QString& id) const
 {
     QFile file(QDir(storeDirectory()).filePath(id));
-    if (id.isEmpty() || !file.open(QIODevice::ReadOnly))
-        return QByteArray();
-    return file.readAll();
+    return !id.isEmpty() && file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 QJsonObject TusServerProcess::storedInfo(const QString& id) const
 {
-    QFile file(QDir(storeDirectory()).filePath(id + QStringLiteral(".json")));
-    if (id.isEmpty() || !file.open(QIODevice::ReadOnly))
-        return QJsonObject();
-    return QJsonDocument::fromJson(file.readAll()).object();
+    return QJsonDocument::fromJson(storedData(id + QStringLiteral(".json"))).object();
 }
 
 QMap<QString, QString> TusServerProcess::storedMetadata(const QString& id) const

@@ -49,14 +49,9 @@ bool UpdateServerProcess::start()
     }
     trustCertificateAuthority(m_certificates->caCertificate());
 
-    QStringList arguments {QStringLiteral("--address"),
-        QStringLiteral("127.0.0.1"),
-        QStringLiteral("--port"),
-        QStringLiteral("0"),
-        QStringLiteral("--cert"),
-        m_certificates->serverCertificatePath(),
-        QStringLiteral("--key"),
-        m_certificates->serverKeyPath()};
+    QStringList arguments = QStringList() << QStringLiteral("--address") << QStringLiteral("127.0.0.1") << QStringLiteral("--port") << QStringLiteral("0")
+                                          << QStringLiteral("--cert") << m_certificates->serverCertificatePath() << QStringLiteral("--key")
+                                          << m_certificates->serverKeyPath();
     if (!m_catalogueFile.isEmpty())
         arguments << QStringLiteral("--catalogue") << m_catalogueFile;
     if (m_useInbox)
@@ -71,9 +66,7 @@ bool UpdateServerProcess::start()
 
 bool UpdateServerProcess::stop()
 {
-    if (!m_process.isRunning())
-        return true;
-    return m_process.stop();
+    return !m_process.isRunning() || m_process.stop();
 }
 
 UpdateServerOptions UpdateServerProcess::options() const
