@@ -32,11 +32,12 @@ QByteArray treeBytes(const veltrax::SettingsFile& tree)
     return QByteArray(bytes.data(), static_cast<int>(bytes.size()));
 }
 
-veltrax::SettingsFile treeWith(const std::string& label, const std::string& value)
+/** The byte form of a tree holding one text setting. */
+QByteArray treeBytes(const std::string& label, const std::string& value)
 {
     veltrax::SettingsFile tree;
     tree.setSetting(label, veltrax::Variant(value));
-    return tree;
+    return treeBytes(tree);
 }
 
 /**
@@ -119,8 +120,8 @@ private Q_SLOTS:
         QTest::addColumn<int>("kind");
         QTest::addColumn<QByteArray>("reply");
         QTest::addColumn<QString>("message");
-        QTest::newRow("list tree") << int(Request::List) << frame("LIST", treeBytes(treeWith("a", "b"))) << QString();
-        QTest::newRow("get2 tree") << int(Request::Get2) << frame("GE2T", treeBytes(treeWith("u", "x"))) << QString();
+        QTest::newRow("list tree") << int(Request::List) << frame("LIST", treeBytes("a", "b")) << QString();
+        QTest::newRow("get2 tree") << int(Request::Get2) << frame("GE2T", treeBytes("u", "x")) << QString();
         QTest::newRow("error text") << int(Request::List2) << frame("ERROR", "nope\n") << QStringLiteral("nope");
     }
 
@@ -169,9 +170,7 @@ private Q_SLOTS:
             QVERIFY2(run(requestKind, comm, whole), where.constData());
             if (message.isEmpty()) {
                 QVERIFY2(!whole.empty() && !whole.hasSubTree("error"), where.constData());
-                VxByteArray bytes;
-                whole.serialize(bytes);
-                QCOMPARE(frame(reply.left(5).trimmed(), QByteArray(bytes.data(), static_cast<int>(bytes.size()))), reply);
+                QCOMPARE(frame(reply.left(5).trimmed(), treeBytes(whole)), reply);
             } else {
                 QCOMPARE(QString::fromStdString(whole.setting("error.message").toStdString()), message);
             }
@@ -191,7 +190,7 @@ private Q_SLOTS:
                 server.lastConnection()->disconnectFromHost();
         });
         server.setResponder([](QSslSocket* socket, const QByteArray&) {
-            socket->write(frame("LIST", treeBytes(treeWith("a", "b"))));
+            socket->write(frame("LIST", treeBytes("a", "b")));
         });
 
         UpdateServerComm comm(nullptr, loopback(server.serverPort()));

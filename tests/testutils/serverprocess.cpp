@@ -1,24 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "serverprocess.h"
 
-#include <QElapsedTimer>
-#include <QEventLoop>
 #include <QRegularExpression>
-#include <QTimer>
+#include <QTest>
 
-namespace
-{
-/**
- * Lets the calling thread's event loop run for @p ms: clients under test often live on
- * this thread and must keep talking while we wait for the server's output.
- */
-void runEventLoop(int ms)
-{
-    QEventLoop loop;
-    QTimer::singleShot(ms, &loop, &QEventLoop::quit);
-    loop.exec();
-}
-} // namespace
+// The waits run the calling thread's event loop (QTest::qWaitFor): clients under test often
+// live on this thread and must keep talking while we wait for the server's output.
 
 ServerProcess::ServerProcess() = default;
 
@@ -51,66 +38,62 @@ bool ServerProcess::start(const QString& program, const QStringList& arguments, 
         return false;
     }
     const QRegularExpression address(QRegularExpression::escape(readyMarker) + QStringLiteral("(\\S+):(\\d+)"));
-    QElapsedTimer timer;
-    timer.start();
-    int seen = 0;
-    while (timer.elapsed() < timeoutMs) {
-        runEventLoop(20);
+    QRegularExpressionMatch match;
+    const auto ready = [&] {
         collect();
-        for (; seen < m_lines.size(); ++seen) {
-            const QRegularExpressionMatch m = address.match(m_lines.at(seen));
-            if (m.hasMatch()) {
-                m_host = m.captured(1);
-                m_port = static_cast<quint16>(m.captured(2).toUInt());
+        for (const QString& line : qAsConst(m_lines)) {
+            if ((match = address.match(line)).hasMatch())
                 return true;
-            }
         }
-        if (m_process.state() == QProcess::NotRunning) {
-            collect();
-            m_error = QStringLiteral("%1 exited with code %2: %3").arg(program).arg(m_process.exitCode()).arg(QString::fromLocal8Bit(m_stderr));
-            return false;
-        }
+        return !isRunning();
+    };
+    if (QTest::qWaitFor(ready, timeoutMs) && match.hasMatch()) {
+        m_host = match.captured(1);
+        m_port = static_cast<quint16>(match.captured(2).toUInt());
+        return true;
     }
-    m_error = QStringLiteral("%1 did not report \"%2\" within %3 ms").arg(program, readyMarker).arg(timeoutMs);
-    stop(2000);
+    if (isRunning()) {
+        m_error = QStringLiteral("%1 did not report \"%2\" within %3 ms").arg(program, readyMarker).arg(timeoutMs);
+        stop(2000);
+    } else {
+        m_error = QStringLiteral("%1 exited with code %2: %3").arg(program).arg(m_process.exitCode()).arg(QString::fromLocal8Bit(m_stderr));
+    }
     return false;
 }
 
 bool ServerProcess::stop(int timeoutMs)
 {
-    if (m_process.state() == QProcess::NotRunning)
-        return m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
-    m_process.terminate();
-    if (!m_process.waitForFinished(timeoutMs)) {
-        m_process.kill();
-        m_process.waitForFinished(timeoutMs);
-        collect();
-        return false;
+    bool ended = true;
+    if (isRunning()) {
+        m_process.terminate();
+        if (!m_process.waitForFinished(timeoutMs)) {
+            m_process.kill();
+            m_process.waitForFinished(timeoutMs);
+            ended = false;
+        }
     }
     collect();
-    return m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
+    return ended && m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
 }
 
 QStringList ServerProcess::outputLines(int waitMs)
 {
     if (waitMs > 0 && isRunning())
-        runEventLoop(waitMs);
+        QTest::qWait(waitMs);
     collect();
     return m_lines;
 }
 
 bool ServerProcess::waitForOutputLine(const QString& text, int timeoutMs)
 {
-    QElapsedTimer timer;
-    timer.start();
-    for (;;) {
+    const auto seen = [&] {
         collect();
-        for (const QString& line : qAsConst(m_lines)) {
-            if (line.contains(text))
-                return true;
-        }
-        if (timer.elapsed() >= timeoutMs || !isRunning())
-            return false;
-        runEventLoop(20);
-    }
+        return !m_lines.filter(text).isEmpty();
+    };
+    return QTest::qWaitFor(
+               [&] {
+                   return seen() || !isRunning();
+               },
+               timeoutMs)
+        && seen();
 }

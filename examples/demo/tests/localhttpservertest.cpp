@@ -73,15 +73,6 @@ private:
             + "\r\n\r\n" + body;
     }
 
-    /** Creates an upload of @p length bytes; its path ("/files/<id>"). */
-    QByteArray create(qint64 length)
-    {
-        const Answer answer = exchange(tusRequest("POST", "/files", "Upload-Length: " + QByteArray::number(length) + "\r\n"));
-        if (answer.status != 201)
-            return QByteArray();
-        return QUrl(QString::fromUtf8(answer.header("Location"))).path().toUtf8();
-    }
-
     static QByteArray patchHeaders(qint64 offset)
     {
         return "Upload-Offset: " + QByteArray::number(offset) + "\r\nContent-Type: application/offset+octet-stream\r\n";
@@ -89,7 +80,6 @@ private:
 
     QTemporaryDir m_dir;
     std::unique_ptr<LocalHttpServer> m_server;
-    QString m_installerUrl;
 
 private Q_SLOTS:
     void init()
@@ -97,7 +87,9 @@ private Q_SLOTS:
         QVERIFY(m_dir.isValid());
         m_server = std::make_unique<LocalHttpServer>(m_dir.filePath(QStringLiteral("store")));
         QVERIFY(m_server->start());
-        m_installerUrl = m_server->addFile(QStringLiteral("setup.run"), QByteArray("#!/bin/sh\nexit 0\n"));
+        // The link handed out is the one the installer is served under.
+        QCOMPARE(m_server->addFile(QStringLiteral("setup.run"), QByteArray("#!/bin/sh\nexit 0\n")),
+            QStringLiteral("http://127.0.0.1:%1/installers/setup.run").arg(m_server->serverPort()));
     }
     void cleanup() { m_server.reset(); }
 
@@ -204,8 +196,9 @@ private Q_SLOTS:
         QFETCH(QByteArray, body);
         QFETCH(int, status);
         QFETCH(qint64, offsetAfter);
-        const QByteArray path = create(10);
-        QVERIFY(!path.isEmpty());
+        const Answer created = exchange(tusRequest("POST", "/files", "Upload-Length: 10\r\n"));
+        QCOMPARE(created.status, 201);
+        const QByteArray path = QUrl(QString::fromUtf8(created.header("Location"))).path().toUtf8();
         QCOMPARE(exchange(tusRequest("PATCH", path, patchHeaders(0), "1234")).status, 204);
 
         const Answer answer = exchange(tusRequest(method, path, extra, body));
