@@ -6,11 +6,9 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QHostAddress>
 #include <QImage>
 #include <QProcess>
 #include <QSet>
-#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -127,10 +125,6 @@ private Q_SLOTS:
         QTest::addColumn<QString>("message");
         QTest::addColumn<bool>("rendered"); // the windows are still drawn and a result reported
 
-        QTcpServer probe; // a port on which nothing listens once it closes
-        QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
-        const QString closedPort = QString::number(probe.serverPort());
-        probe.close();
         // A "server" that never reports its port.
         const QString silent = m_profile.filePath(QStringLiteral("silent-server"));
         QVERIFY(writeFile(silent, "#!/bin/sh\nexec sleep 60\n"));
@@ -138,7 +132,8 @@ private Q_SLOTS:
 
         QTest::newRow("missing update server program")
             << "--screenshots %1 --update-server-program /nonexistent/server" << 1 << "FAILED: /nonexistent/server is not an executable program" << false;
-        QTest::newRow("unreachable update server") << "--screenshots %1 --server 127.0.0.1 --port " + closedPort << 1 << "gave no releases" << true;
+        QTest::newRow("unreachable update server") << "--screenshots %1 --server 127.0.0.1 --port " + QString::number(closedLoopbackPort()) << 1
+                                                   << "gave no releases" << true;
         QTest::newRow("hanging start cut off") << "--screenshots %1 --update-server-program " + silent + " --timeout 5" << 3
                                                << "gave up after 5 s while starting gui_helpers_update_server" << false;
         QTest::newRow("unknown option") << "--frobnicate" << 2 << "frobnicate" << false;
