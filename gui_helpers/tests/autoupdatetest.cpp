@@ -65,16 +65,143 @@ class AutoUpdateTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void init();
-    void cleanup();
+    void initTestCase()
+    {
+        m_server.setCatalogue(makeCatalogue());
+        QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
+    }
+    void init()
+    {
+        isolateSettings();
+        m_host = TestHost();
+        m_host.product = QString::fromLatin1(kProduct);
+        m_host.options = m_server.options();
+        m_journal = std::make_unique<Journaller>(m_logDir.filePath(QStringLiteral("journal.log")).toStdString(), true, JLL_TRACE);
+        m_host.journal = m_journal.get();
+        m_logger = std::make_unique<CapturingLogger>();
+    }
+    void cleanup()
+    {
+        m_logger.reset();
+        m_journal.reset();
+    }
 
-    void refreshReplacesTheVersions_data();
-    void refreshReplacesTheVersions();
-    void newVersionRule_data();
-    void newVersionRule();
-    void firmwareVersionsAreStoredForEveryRequestedKey();
-    void destroyingWhileRequestsRunReturns();
+    // Each refresh replaces the versions held before (one old release here), or clears them
+    // when it fails. Malformed release records are skipped and logged, to the host's journal too.
+    void refreshReplacesTheVersions_data()
+    {
+        QTest::addColumn<QString>("product");
+        QTest::addColumn<bool>("reachable");
+        QTest::addColumn<bool>("updated");
+        QTest::addColumn<QStringList>("versions"); // internal|public|type|info label|info address|date|url|beta
+        QTest::addColumn<QStringList>("errors"); // in the parse errors logged, one each
+
+        const QString rest = QStringLiteral("|1600000000000|http://127.0.0.1:1/setup.bin|");
+        QTest::newRow("stable, beta and patch releases, sorted") << kProduct << true << true
+                                                                 << QStringList {"v2020_5_1|2020.5.1|Stable|No address|" + rest + "0",
+                                                                        "v2021_0_2|2021.0.2|Stable|Release notes|https://example.invalid/notes" + rest + "0",
+                                                                        "v2021_10_0|2021.10.0|Beta||" + rest + "1",
+                                                                        "v2021_2_0|2021.2.0|Patch||" + rest + "0",
+                                                                        "v2021_3_0|2021.3.0|Hotfix||" + rest + "0"}
+                                                                 << QStringList();
+        QTest::newRow("malformed releases skipped") << "Broken" << true << true << QStringList {"v1_0_0|1.0.0|Stable||" + rest + "0"}
+                                                    << QStringList {
+                                                           "Setting v1_1_0.date not found", "does not allow conversion", "Setting v1_3_0.beta not found"};
+        QTest::newRow("empty product subtree") << "NoReleases" << true << true << QStringList() << QStringList();
+        QTest::newRow("unknown product (ERROR reply)") << "NoSuchProduct" << true << false << QStringList() << QStringList();
+        QTest::newRow("every release malformed") << "AllBroken" << true << false << QStringList() << QStringList {"v1_0_0"};
+        QTest::newRow("nobody listening") << kProduct << false << false << QStringList() << QStringList();
+    }
+    void refreshReplacesTheVersions()
+    {
+        QFETCH(QString, product);
+        QFETCH(bool, reachable);
+        QFETCH(bool, updated);
+        QFETCH(QStringList, versions);
+        QFETCH(QStringList, errors);
+
+        if (!reachable)
+            m_host.options.port = closedLoopbackPort();
+        AutoUpdate autoUpdate(&m_host);
+        QCOMPARE(autoUpdate.serverString(), QStringLiteral("127.0.0.1:%1").arg(m_host.options.port));
+        QVERIFY(deliverListReply(&autoUpdate, listReply(m_host.product, {{QStringLiteral("v0_9_0")}})));
+        m_host.product = product;
+        QCOMPARE(refreshSucceeds(autoUpdate), updated);
+
+        QStringList summary;
+        for (const AutoUpdate::Version& r : autoUpdate.versions()) {
+            summary.append(
+                QStringList {r.internalVersion, r.publicVersion, r.releaseType, r.infoLabel, r.infoUrl, QString::number(r.date), r.url, QString::number(r.beta)}
+                    .join(QLatin1Char('|')));
+        }
+        QCOMPARE(summary, versions);
+
+        const QStringList logged = m_logger->lines(JLL_ERROR).filter(QStringLiteral("handleListReply Error while parsing reply: "));
+        QCOMPARE(logged.size(), errors.size());
+        for (const QString& error : errors)
+            QVERIFY2(!logged.filter(error).isEmpty(), qPrintable(error));
+        m_journal->flush();
+        QCOMPARE(readFile(QString::fromStdString(m_journal->filename())).count("[ERROR] handleListReply Error while parsing reply: "), errors.size());
+    }
+    void newVersionRule_data()
+    {
+        QTest::addColumn<VxVersion>("current");
+        QTest::addColumn<QStringList>("releases"); // "v1_3_0" or "v1_3_0 beta"
+        QTest::addColumn<QVariant>("acceptBeta"); // invalid: key absent
+        QTest::addColumn<bool>("expected");
+
+        const QStringList onlyBetaNewer {"v1_2_3", "v1_3_0 beta"};
+        QTest::newRow("newer beta, key absent") << VxVersion(1, 2, 3) << onlyBetaNewer << QVariant() << false;
+        QTest::newRow("newer beta, betas refused") << VxVersion(1, 2, 3) << onlyBetaNewer << QVariant(false) << false;
+        QTest::newRow("newer beta, betas accepted") << VxVersion(1, 2, 3) << onlyBetaNewer << QVariant(true) << true;
+        QTest::newRow("newer stable") << VxVersion(1, 2, 3) << QStringList {"v1_2_4"} << QVariant(false) << true;
+        QTest::newRow("same triple, other build") << VxVersion(1, 2, 3, 77, 5, "x") << QStringList {"v1_2_3"} << QVariant(true) << false;
+        QTest::newRow("minor before revision") << VxVersion(1, 2, 9) << QStringList {"v1_3_0", "v1_1_99"} << QVariant() << true;
+        QTest::newRow("numeric, not text") << VxVersion(1, 10, 0) << QStringList {"v1_9_0", "v1_2_0"} << QVariant() << false;
+        QTest::newRow("no list yet") << VxVersion(1, 0, 0) << QStringList() << QVariant(true) << false;
+    }
+    void newVersionRule()
+    {
+        QFETCH(VxVersion, current);
+        QFETCH(QStringList, releases);
+        QFETCH(QVariant, acceptBeta);
+        QFETCH(bool, expected);
+
+        m_host.current = current;
+        if (acceptBeta.isValid())
+            QSettings().setValue(QStringLiteral("UpdateCheck/AcceptBeta"), acceptBeta);
+        AutoUpdate autoUpdate(&m_host);
+        if (!releases.isEmpty())
+            QVERIFY(deliverListReply(&autoUpdate, listReply(m_host.product, ::releases(releases))));
+
+        QCOMPARE(autoUpdate.isNewVersionAvailable(), expected);
+        // The key exists afterwards, holding what was read.
+        QCOMPARE(QSettings().value(QStringLiteral("UpdateCheck/AcceptBeta")), QVariant(acceptBeta.toBool()));
+    }
+    void firmwareVersionsAreStoredForEveryRequestedKey()
+    {
+        AutoUpdate autoUpdate(&m_host);
+        autoUpdate.requestFirmwareVersion(kLegacyDevice);
+        autoUpdate.requestFirmwareVersion(kLegacyDevice);
+        QTRY_COMPARE_WITH_TIMEOUT(QSettings().value(kLegacyKey).toString(), QStringLiteral("1.0.10"), 5000);
+        QCOMPARE(QSettings().allKeys(), QStringList {kLegacyKey}); // types not asked for are not stored
+
+        // Same type, other serial number: one key. Its reply refreshes every key asked for so far.
+        autoUpdate.requestFirmwareVersion(kModernDevice);
+        autoUpdate.requestFirmwareVersion(VxDeviceId(0x0012000300000099ull));
+        QCOMPARE(autoUpdate.firmwareKeys(), (QStringList {"03300000", "M-0012000300000000"}));
+        QTRY_COMPARE_WITH_TIMEOUT(QSettings().value(kModernKey).toString(), QStringLiteral("5.1.0"), 5000);
+        QCOMPARE(QSettings().value(kLegacyKey).toString(), QStringLiteral("3.0.0"));
+    }
+    void destroyingWhileRequestsRunReturns()
+    {
+        for (int i = 0; i < 5; ++i) {
+            auto autoUpdate = std::make_unique<AutoUpdate>(&m_host);
+            autoUpdate->refresh();
+            autoUpdate->requestFirmwareVersion(kModernDevice);
+            QTest::qWait(i * 5);
+        }
+    }
 
 private:
     /** refresh() and wait for its outcome: true for versionsUpdated, false for failedToGetVersions. */
@@ -87,29 +214,6 @@ private:
     std::unique_ptr<CapturingLogger> m_logger;
 };
 
-void AutoUpdateTest::initTestCase()
-{
-    m_server.setCatalogue(makeCatalogue());
-    QVERIFY2(m_server.start(), qPrintable(m_server.errorString()));
-}
-
-void AutoUpdateTest::init()
-{
-    isolateSettings();
-    m_host = TestHost();
-    m_host.product = QString::fromLatin1(kProduct);
-    m_host.options = m_server.options();
-    m_journal = std::make_unique<Journaller>(m_logDir.filePath(QStringLiteral("journal.log")).toStdString(), true, JLL_TRACE);
-    m_host.journal = m_journal.get();
-    m_logger = std::make_unique<CapturingLogger>();
-}
-
-void AutoUpdateTest::cleanup()
-{
-    m_logger.reset();
-    m_journal.reset();
-}
-
 bool AutoUpdateTest::refreshSucceeds(AutoUpdate& autoUpdate)
 {
     QSignalSpy updated(&autoUpdate, &AutoUpdate::versionsUpdated);
@@ -120,127 +224,6 @@ bool AutoUpdateTest::refreshSucceeds(AutoUpdate& autoUpdate)
     if (updated.count() + failed.count() != 1)
         QTest::qFail("no single outcome of refresh()", __FILE__, __LINE__);
     return updated.count() == 1;
-}
-
-// Each refresh replaces the versions held before (one old release here), or clears them
-// when it fails. Malformed release records are skipped and logged, to the host's journal too.
-void AutoUpdateTest::refreshReplacesTheVersions_data()
-{
-    QTest::addColumn<QString>("product");
-    QTest::addColumn<bool>("reachable");
-    QTest::addColumn<bool>("updated");
-    QTest::addColumn<QStringList>("versions"); // internal|public|type|info label|info address|date|url|beta
-    QTest::addColumn<QStringList>("errors"); // in the parse errors logged, one each
-
-    const QString rest = QStringLiteral("|1600000000000|http://127.0.0.1:1/setup.bin|");
-    QTest::newRow("stable, beta and patch releases, sorted") << kProduct << true << true
-                                                             << QStringList {"v2020_5_1|2020.5.1|Stable|No address|" + rest + "0",
-                                                                    "v2021_0_2|2021.0.2|Stable|Release notes|https://example.invalid/notes" + rest + "0",
-                                                                    "v2021_10_0|2021.10.0|Beta||" + rest + "1",
-                                                                    "v2021_2_0|2021.2.0|Patch||" + rest + "0",
-                                                                    "v2021_3_0|2021.3.0|Hotfix||" + rest + "0"}
-                                                             << QStringList();
-    QTest::newRow("malformed releases skipped") << "Broken" << true << true << QStringList {"v1_0_0|1.0.0|Stable||" + rest + "0"}
-                                                << QStringList {"Setting v1_1_0.date not found", "does not allow conversion", "Setting v1_3_0.beta not found"};
-    QTest::newRow("empty product subtree") << "NoReleases" << true << true << QStringList() << QStringList();
-    QTest::newRow("unknown product (ERROR reply)") << "NoSuchProduct" << true << false << QStringList() << QStringList();
-    QTest::newRow("every release malformed") << "AllBroken" << true << false << QStringList() << QStringList {"v1_0_0"};
-    QTest::newRow("nobody listening") << kProduct << false << false << QStringList() << QStringList();
-}
-
-void AutoUpdateTest::refreshReplacesTheVersions()
-{
-    QFETCH(QString, product);
-    QFETCH(bool, reachable);
-    QFETCH(bool, updated);
-    QFETCH(QStringList, versions);
-    QFETCH(QStringList, errors);
-
-    if (!reachable)
-        m_host.options.port = closedLoopbackPort();
-    AutoUpdate autoUpdate(&m_host);
-    QCOMPARE(autoUpdate.serverString(), QStringLiteral("127.0.0.1:%1").arg(m_host.options.port));
-    QVERIFY(deliverListReply(&autoUpdate, listReply(m_host.product, {{QStringLiteral("v0_9_0")}})));
-    m_host.product = product;
-    QCOMPARE(refreshSucceeds(autoUpdate), updated);
-
-    QStringList summary;
-    for (const AutoUpdate::Version& r : autoUpdate.versions()) {
-        summary.append(
-            QStringList {r.internalVersion, r.publicVersion, r.releaseType, r.infoLabel, r.infoUrl, QString::number(r.date), r.url, QString::number(r.beta)}
-                .join(QLatin1Char('|')));
-    }
-    QCOMPARE(summary, versions);
-
-    const QStringList logged = m_logger->lines(JLL_ERROR).filter(QStringLiteral("handleListReply Error while parsing reply: "));
-    QCOMPARE(logged.size(), errors.size());
-    for (const QString& error : errors)
-        QVERIFY2(!logged.filter(error).isEmpty(), qPrintable(error));
-    m_journal->flush();
-    QCOMPARE(readFile(QString::fromStdString(m_journal->filename())).count("[ERROR] handleListReply Error while parsing reply: "), errors.size());
-}
-
-void AutoUpdateTest::newVersionRule_data()
-{
-    QTest::addColumn<VxVersion>("current");
-    QTest::addColumn<QStringList>("releases"); // "v1_3_0" or "v1_3_0 beta"
-    QTest::addColumn<QVariant>("acceptBeta"); // invalid: key absent
-    QTest::addColumn<bool>("expected");
-
-    const QStringList onlyBetaNewer {"v1_2_3", "v1_3_0 beta"};
-    QTest::newRow("newer beta, key absent") << VxVersion(1, 2, 3) << onlyBetaNewer << QVariant() << false;
-    QTest::newRow("newer beta, betas refused") << VxVersion(1, 2, 3) << onlyBetaNewer << QVariant(false) << false;
-    QTest::newRow("newer beta, betas accepted") << VxVersion(1, 2, 3) << onlyBetaNewer << QVariant(true) << true;
-    QTest::newRow("newer stable") << VxVersion(1, 2, 3) << QStringList {"v1_2_4"} << QVariant(false) << true;
-    QTest::newRow("same triple, other build") << VxVersion(1, 2, 3, 77, 5, "x") << QStringList {"v1_2_3"} << QVariant(true) << false;
-    QTest::newRow("minor before revision") << VxVersion(1, 2, 9) << QStringList {"v1_3_0", "v1_1_99"} << QVariant() << true;
-    QTest::newRow("numeric, not text") << VxVersion(1, 10, 0) << QStringList {"v1_9_0", "v1_2_0"} << QVariant() << false;
-    QTest::newRow("no list yet") << VxVersion(1, 0, 0) << QStringList() << QVariant(true) << false;
-}
-
-void AutoUpdateTest::newVersionRule()
-{
-    QFETCH(VxVersion, current);
-    QFETCH(QStringList, releases);
-    QFETCH(QVariant, acceptBeta);
-    QFETCH(bool, expected);
-
-    m_host.current = current;
-    if (acceptBeta.isValid())
-        QSettings().setValue(QStringLiteral("UpdateCheck/AcceptBeta"), acceptBeta);
-    AutoUpdate autoUpdate(&m_host);
-    if (!releases.isEmpty())
-        QVERIFY(deliverListReply(&autoUpdate, listReply(m_host.product, ::releases(releases))));
-
-    QCOMPARE(autoUpdate.isNewVersionAvailable(), expected);
-    // The key exists afterwards, holding what was read.
-    QCOMPARE(QSettings().value(QStringLiteral("UpdateCheck/AcceptBeta")), QVariant(acceptBeta.toBool()));
-}
-
-void AutoUpdateTest::firmwareVersionsAreStoredForEveryRequestedKey()
-{
-    AutoUpdate autoUpdate(&m_host);
-    autoUpdate.requestFirmwareVersion(kLegacyDevice);
-    autoUpdate.requestFirmwareVersion(kLegacyDevice);
-    QTRY_COMPARE_WITH_TIMEOUT(QSettings().value(kLegacyKey).toString(), QStringLiteral("1.0.10"), 5000);
-    QCOMPARE(QSettings().allKeys(), QStringList {kLegacyKey}); // types not asked for are not stored
-
-    // Same type, other serial number: one key. Its reply refreshes every key asked for so far.
-    autoUpdate.requestFirmwareVersion(kModernDevice);
-    autoUpdate.requestFirmwareVersion(VxDeviceId(0x0012000300000099ull));
-    QCOMPARE(autoUpdate.firmwareKeys(), (QStringList {"03300000", "M-0012000300000000"}));
-    QTRY_COMPARE_WITH_TIMEOUT(QSettings().value(kModernKey).toString(), QStringLiteral("5.1.0"), 5000);
-    QCOMPARE(QSettings().value(kLegacyKey).toString(), QStringLiteral("3.0.0"));
-}
-
-void AutoUpdateTest::destroyingWhileRequestsRunReturns()
-{
-    for (int i = 0; i < 5; ++i) {
-        auto autoUpdate = std::make_unique<AutoUpdate>(&m_host);
-        autoUpdate->refresh();
-        autoUpdate->requestFirmwareVersion(kModernDevice);
-        QTest::qWait(i * 5);
-    }
 }
 
 QTEST_MAIN(AutoUpdateTest)
