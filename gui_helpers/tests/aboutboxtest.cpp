@@ -138,44 +138,37 @@ private Q_SLOTS:
         box.addTrademarkLine(QStringLiteral("A is a mark of B."));
         QCOMPARE(labelText(box, "tradeMarkLabel"), QStringLiteral("All rights reserved.\nA is a mark of B.\nC is a mark of D.\n"));
     }
-    void otherComponentsClipboardText_data()
+    void componentPagesClipboardText_data()
     {
-        QTest::addColumn<QStringList>("components"); // name, version, name, version, ...
+        QTest::addColumn<bool>("licensed"); // licensed rows: names only, each at 1.3 under the zlib License
+        QTest::addColumn<QStringList>("components"); // other rows: name, version, name, version, ...
         QTest::addColumn<QString>("expected");
-        QTest::newRow("empty table") << QStringList {} << QStringLiteral("\n");
-        QTest::newRow("one row") << QStringList {"a", "1"} << QStringLiteral("a\t1\n");
-        QTest::newRow("rows in insertion order") << QStringList {"a", "1", "b", "2"} << QStringLiteral("a\t1\nb\t2\n");
-        QTest::newRow("empty version keeps the tab") << QStringList {"a", ""} << QStringLiteral("a\t\n");
-        QTest::newRow("markup stays literal") << QStringList {"<b>x</b>", "1"} << QStringLiteral("<b>x</b>\t1\n");
-    }
-    void otherComponentsClipboardText()
-    {
-        QFETCH(QStringList, components);
-        QFETCH(QString, expected);
-        CustomComponentAboutPage page;
-        for (int i = 0; i + 1 < components.size(); i += 2)
-            page.addComponent(components.at(i), components.at(i + 1));
-        QCOMPARE(page.copyToClipboard(), expected);
-    }
-    void licensedComponentsClipboardText_data()
-    {
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("plain name") << QStringLiteral("zlib") << QStringLiteral("zlib\t1.3\tzlib License\n");
+        QTest::newRow("empty table") << false << QStringList {} << QStringLiteral("\n");
+        QTest::newRow("rows in insertion order") << false << QStringList {"a", "1", "b", "2"} << QStringLiteral("a\t1\nb\t2\n");
+        QTest::newRow("empty version keeps the tab") << false << QStringList {"a", ""} << QStringLiteral("a\t\n");
+        QTest::newRow("markup stays literal") << false << QStringList {"<b>x</b>", "1"} << QStringLiteral("<b>x</b>\t1\n");
         QTest::newRow("link name gives its visible text")
-            << QStringLiteral("<a href=\"https://zlib.example/\">zlib</a>") << QStringLiteral("zlib\t1.3\tzlib License\n");
-        QTest::newRow("link name without visible text") << QStringLiteral("<a href=\"https://zlib.example/\"></a>") << QStringLiteral("\t1.3\tzlib License\n");
+            << true << QStringList {"<a href=\"https://zlib.example/\">zlib</a>"} << QStringLiteral("zlib\t1.3\tzlib License\n");
+        QTest::newRow("link name without visible text")
+            << true << QStringList {"<a href=\"https://zlib.example/\"></a>"} << QStringLiteral("\t1.3\tzlib License\n");
         // Only a leading "<a href" makes a label; anything else is shown as typed.
         QTest::newRow("upper-case anchor stays plain")
-            << QStringLiteral("<A HREF=\"x\">zlib</A>") << QStringLiteral("<A HREF=\"x\">zlib</A>\t1.3\tzlib License\n");
+            << true << QStringList {"<A HREF=\"x\">zlib</A>"} << QStringLiteral("<A HREF=\"x\">zlib</A>\t1.3\tzlib License\n");
     }
-    void licensedComponentsClipboardText()
+    void componentPagesClipboardText()
     {
-        QFETCH(QString, name);
+        QFETCH(bool, licensed);
+        QFETCH(QStringList, components);
         QFETCH(QString, expected);
-        LicensedComponentAboutPage page;
-        page.addComponent(name, QStringLiteral("1.3"), QStringLiteral("zlib License"), QStringLiteral("https://zlib.example/license"));
-        QCOMPARE(page.copyToClipboard(), expected);
+        CustomComponentAboutPage other;
+        LicensedComponentAboutPage licensedPage;
+        for (int i = 0; i < components.size(); i += licensed ? 1 : 2) {
+            if (licensed)
+                licensedPage.addComponent(components.at(i), QStringLiteral("1.3"), QStringLiteral("zlib License"), QStringLiteral("https://zlib.example/l"));
+            else
+                other.addComponent(components.at(i), components.at(i + 1));
+        }
+        QCOMPARE(licensed ? licensedPage.copyToClipboard() : other.copyToClipboard(), expected);
     }
     void licensedRowLabelsCarryRowNumbers()
     {

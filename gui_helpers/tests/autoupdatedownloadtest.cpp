@@ -259,7 +259,12 @@ private Q_SLOTS:
 
 private:
     /** Starts the download of release v1_3_0 whose installer is at @p url. */
-    bool startDownload(const QString& url);
+    bool startDownload(const QString& url)
+    {
+        TestRelease release {QStringLiteral("v1_3_0")};
+        release.url = url;
+        return deliverListReply(m_autoUpdate.get(), listReply(m_host.product, {release})) && m_autoUpdate->updateToVersion(release.label, nullptr);
+    }
 
     TestHost m_host;
     HttpResponder m_http;
@@ -268,13 +273,6 @@ private:
     std::unique_ptr<AutoUpdate> m_autoUpdate;
     veltrax::NetManager m_net; // the shared manager: its finished() tells when a download ended
 };
-
-bool AutoUpdateDownloadTest::startDownload(const QString& url)
-{
-    TestRelease release {QStringLiteral("v1_3_0")};
-    release.url = url;
-    return deliverListReply(m_autoUpdate.get(), listReply(m_host.product, {release})) && m_autoUpdate->updateToVersion(release.label, nullptr);
-}
 
 QTEST_MAIN(AutoUpdateDownloadTest)
 #include "autoupdatedownloadtest.moc"

@@ -205,7 +205,17 @@ private Q_SLOTS:
 
 private:
     /** refresh() and wait for its outcome: true for versionsUpdated, false for failedToGetVersions. */
-    bool refreshSucceeds(AutoUpdate& autoUpdate);
+    bool refreshSucceeds(AutoUpdate& autoUpdate)
+    {
+        QSignalSpy updated(&autoUpdate, &AutoUpdate::versionsUpdated);
+        QSignalSpy failed(&autoUpdate, &AutoUpdate::failedToGetVersions);
+        autoUpdate.refresh();
+        for (int i = 0; i < 100 && updated.isEmpty() && failed.isEmpty(); ++i)
+            QTest::qWait(50);
+        if (updated.count() + failed.count() != 1)
+            QTest::qFail("no single outcome of refresh()", __FILE__, __LINE__);
+        return updated.count() == 1;
+    }
 
     UpdateServerProcess m_server;
     TestHost m_host;
@@ -213,18 +223,6 @@ private:
     std::unique_ptr<Journaller> m_journal;
     std::unique_ptr<CapturingLogger> m_logger;
 };
-
-bool AutoUpdateTest::refreshSucceeds(AutoUpdate& autoUpdate)
-{
-    QSignalSpy updated(&autoUpdate, &AutoUpdate::versionsUpdated);
-    QSignalSpy failed(&autoUpdate, &AutoUpdate::failedToGetVersions);
-    autoUpdate.refresh();
-    for (int i = 0; i < 100 && updated.isEmpty() && failed.isEmpty(); ++i)
-        QTest::qWait(50);
-    if (updated.count() + failed.count() != 1)
-        QTest::qFail("no single outcome of refresh()", __FILE__, __LINE__);
-    return updated.count() == 1;
-}
 
 QTEST_MAIN(AutoUpdateTest)
 #include "autoupdatetest.moc"

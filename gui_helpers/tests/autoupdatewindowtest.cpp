@@ -225,36 +225,30 @@ private Q_SLOTS:
 
 private:
     /** A controller that already holds @p releases ("v1_3_0" or "v1_3_0 beta"). */
-    std::unique_ptr<AutoUpdate> controllerWith(const QStringList& releases);
+    std::unique_ptr<AutoUpdate> controllerWith(const QStringList& releases)
+    {
+        auto controller = std::make_unique<AutoUpdate>(&m_host);
+        deliverListReply(controller.get(), listReply(m_host.product, ::releases(releases)));
+        return controller;
+    }
     template <typename T> T* child(const AutoUpdateWindow& window, const char* name) { return window.findChild<T*>(QLatin1String(name)); }
-    QStringList column(const AutoUpdateWindow& window, int c);
-    QString selectedVersion(const AutoUpdateWindow& window);
+    QStringList column(const AutoUpdateWindow& window, int c)
+    {
+        auto* table = child<QTableWidget>(window, "versionTableWidget");
+        QStringList texts;
+        for (int r = 0; r < table->rowCount(); ++r)
+            texts.append(table->item(r, c) ? table->item(r, c)->text() : QString());
+        return texts;
+    }
+    QString selectedVersion(const AutoUpdateWindow& window)
+    {
+        auto* table = child<QTableWidget>(window, "versionTableWidget");
+        const QList<QTableWidgetItem*> selected = table->selectedItems();
+        return selected.isEmpty() ? QString() : table->item(selected.first()->row(), 0)->text();
+    }
 
     TestHost m_host;
 };
-
-std::unique_ptr<AutoUpdate> AutoUpdateWindowTest::controllerWith(const QStringList& releases)
-{
-    auto controller = std::make_unique<AutoUpdate>(&m_host);
-    deliverListReply(controller.get(), listReply(m_host.product, ::releases(releases)));
-    return controller;
-}
-
-QStringList AutoUpdateWindowTest::column(const AutoUpdateWindow& window, int c)
-{
-    auto* table = child<QTableWidget>(window, "versionTableWidget");
-    QStringList texts;
-    for (int r = 0; r < table->rowCount(); ++r)
-        texts.append(table->item(r, c) ? table->item(r, c)->text() : QString());
-    return texts;
-}
-
-QString AutoUpdateWindowTest::selectedVersion(const AutoUpdateWindow& window)
-{
-    auto* table = child<QTableWidget>(window, "versionTableWidget");
-    const QList<QTableWidgetItem*> selected = table->selectedItems();
-    return selected.isEmpty() ? QString() : table->item(selected.first()->row(), 0)->text();
-}
 
 QTEST_MAIN(AutoUpdateWindowTest)
 #include "autoupdatewindowtest.moc"

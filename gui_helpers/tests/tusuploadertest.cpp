@@ -396,12 +396,11 @@ private Q_SLOTS:
         QSignalSpy finished(uploader.data(), &TusUploader::uploadFinished);
         QSignalSpy failed(uploader.data(), &TusUploader::uploadFailed);
         if (deletedBySlot) {
-            connect(uploader.data(), &TusUploader::uploadFinished, this, [&] {
+            const auto destroy = [&] {
                 delete uploader.data();
-            });
-            connect(uploader.data(), &TusUploader::uploadFailed, this, [&] {
-                delete uploader.data();
-            });
+            };
+            connect(uploader.data(), &TusUploader::uploadFinished, this, destroy);
+            connect(uploader.data(), &TusUploader::uploadFailed, this, destroy);
         } else {
             uploader->setDeleteOnFinished(true);
         }
