@@ -10,7 +10,8 @@
 #include <thread>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 QByteArray readAll(const QString& path)
 {
     QFile f(path);
@@ -18,7 +19,8 @@ QByteArray readAll(const QString& path)
 }
 
 // Captures what is written to file descriptor 2 while alive.
-class StderrCapture {
+class StderrCapture
+{
 public:
     explicit StderrCapture(const QString& path)
         : m_path(path)
@@ -80,7 +82,8 @@ void logFromHere()
 }
 }
 
-class JournallerTest : public QObject {
+class JournallerTest : public QObject
+{
     Q_OBJECT
 private Q_SLOTS:
     void lineLayout()
@@ -122,8 +125,6 @@ private Q_SLOTS:
         QFETCH(int, logLevel);
         QFETCH(int, debugLevel);
         QFETCH(int, level);
-        QFETCH(bool, toFile);
-        QFETCH(bool, toStderr);
         QTemporaryDir dir;
         const QString path = dir.filePath(QStringLiteral("j.log"));
         StderrCapture capture(dir.filePath(QStringLiteral("stderr.txt")));
@@ -134,8 +135,8 @@ private Q_SLOTS:
             j.log(JournalLogLevel(level), "probe");
         }
         const QByteArray err = capture.finish();
-        QCOMPARE(readAll(path).contains("probe"), toFile);
-        QCOMPARE(err.contains("probe"), toStderr);
+        QTEST(readAll(path).contains("probe"), "toFile");
+        QTEST(err.contains("probe"), "toStderr");
     }
 
     void pendingPieceJoinsTheNextLine()
@@ -301,7 +302,7 @@ private Q_SLOTS:
             gJournal = nullptr;
         }
         QVERIFY(readAll(path).contains("[ERROR] logFromHere went wrong: 42 qt true\n"));
-        QCOMPARE(extra.entries, QStringList{QStringLiteral("3|logFromHere|logFromHere went wrong: 42 qt true")});
+        QCOMPARE(extra.entries, QStringList {QStringLiteral("3|logFromHere|logFromHere went wrong: 42 qt true")});
         QVERIFY(extra.lastLine > 0);
         // Without a journal the macro does nothing and does not crash.
         logFromHere();
@@ -311,11 +312,16 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("file");
         QTest::addColumn<QString>("tag");
-        QTest::newRow("path and extension") << "/var/log/app.log" << "app ";
-        QTest::newRow("no extension") << "plain" << "plain ";
-        QTest::newRow("two extensions") << "a/b.tar.gz" << "b ";
-        QTest::newRow("hidden file") << "/x/.hidden" << "";
-        QTest::newRow("empty") << "" << "";
+        QTest::newRow("path and extension") << "/var/log/app.log"
+                                            << "app ";
+        QTest::newRow("no extension") << "plain"
+                                      << "plain ";
+        QTest::newRow("two extensions") << "a/b.tar.gz"
+                                        << "b ";
+        QTest::newRow("hidden file") << "/x/.hidden"
+                                     << "";
+        QTest::newRow("empty") << ""
+                               << "";
     }
     void tagFromFilename()
     {

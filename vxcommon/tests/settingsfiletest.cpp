@@ -46,435 +46,352 @@ class SettingsFileTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void splitLabelFollowsTable_data();
-    void splitLabelFollowsTable();
-    void keysIgnoreCaseAndKeepFirstSpelling();
-    void caseFoldingIsAsciiOnly_data();
-    void caseFoldingIsAsciiOnly();
-    void dottedPathCreatesSubTrees();
-    void oddPathsResolveLikeSplitLabel_data();
-    void oddPathsResolveLikeSplitLabel();
-    void readsOfMissingSettingsGiveDefaults();
-    void settingThrowNamesTheLabel();
-    void constSubTreeOfMissingPathIsSharedEmptyTree();
-    void hasSubTreeDistinguishesExistingAndNonEmpty();
-    void clearByPrefix_data();
-    void clearByPrefix();
-    void clearAllKeepsEmptySubTrees();
-    void eraseRemovesOneLabel();
-    void removeEmptySubTreesKeepsFilledOnes();
-    void modifiedFlagPropagatesUpAndClearsDown();
-    void copyIsDeepAndIndependent();
-    void assignmentFromOwnSubTree();
-    void bulkOperations_data();
-    void bulkOperations();
-    void replacePrefixRenames();
-    void updateValuesTakesOnlyExisting();
-    void importPutsUnderPrefix();
-    void deepPathsAreBounded();
+    void splitLabelFollowsTable_data()
+    {
+        QTest::addColumn<QString>("label");
+        QTest::addColumn<QStringList>("split"); // head, tail
+        QTest::newRow("empty") << "" << QStringList {"", ""};
+        QTest::newRow("dot") << "." << QStringList {"", ""};
+        QTest::newRow("plain") << "abc" << QStringList {"abc", ""};
+        QTest::newRow("trailing only dot") << "a." << QStringList {"a", "."};
+        QTest::newRow("dotted") << "a.b.c" << QStringList {"a", "b.c"};
+        QTest::newRow("leading dot") << ".b" << QStringList {"", "b"};
+        QTest::newRow("double dot") << "a..b" << QStringList {"a", ".b"};
+        QTest::newRow("two trailing dots") << "a.." << QStringList {"a", "."};
+    }
+    void splitLabelFollowsTable()
+    {
+        QFETCH(QString, label);
+        const auto split = SettingsFile::splitLabel(label.toStdString());
+        QTEST((QStringList {QString::fromStdString(split.first), QString::fromStdString(split.second)}), "split");
+    }
+
+    void keysIgnoreCaseAndKeepFirstSpelling()
+    {
+        SettingsFile t;
+        t.setSetting("rate", Variant(1));
+        QVERIFY(t.hasSetting("Rate"));
+        QVERIFY(t.hasSetting("RATE"));
+        t.setSetting("RATE", Variant(2));
+        QCOMPARE(t.size(), size_t(1));
+        QCOMPARE(t.setting("rate").toInt32(), 2);
+        QCOMPARE(sortedLabels(t.settingLabels()), QStringList {"rate"});
+        t.setSetting("Sub.X", Variant(1));
+        t.setSetting("sub.x", Variant(3));
+        QCOMPARE(sortedLabels(t.subTrees()), QStringList {"Sub"});
+        QCOMPARE(t.subTree("SUB").setting("X").toInt32(), 3);
+    }
+
+    void caseFoldingIsAsciiOnly_data()
+    {
+        QTest::addColumn<QByteArray>("a");
+        QTest::addColumn<QByteArray>("b");
+        QTest::addColumn<bool>("same");
+        QTest::newRow("short") << QByteArray("Rate") << QByteArray("rATE") << true;
+        QTest::newRow("longer than a word") << QByteArray("SettingNumber12345XYZ") << QByteArray("settingnumber12345xyz") << true;
+        QTest::newRow("letters at the edges") << QByteArray("AZaz") << QByteArray("azAZ") << true;
+        QTest::newRow("neighbours of A and Z") << QByteArray("@[") << QByteArray("`{") << false;
+        QTest::newRow("Latin-1 bytes") << QByteArray("\xc1") << QByteArray("\xe1") << false;
+        QTest::newRow("UTF-8 letters") << QByteArray("\xc3\x84x") << QByteArray("\xc3\xa4X") << false;
+        QTest::newRow("different length") << QByteArray("abc") << QByteArray("abcd") << false;
+    }
+
+    void caseFoldingIsAsciiOnly()
+    {
+        QFETCH(QByteArray, a);
+        QFETCH(QByteArray, b);
+        QFETCH(bool, same);
+        const std::string x = a.toStdString();
+        const std::string y = b.toStdString();
+        QCOMPARE(veltrax::CaseInsensitiveEqual()(x, y), same);
+        if (same)
+            QCOMPARE(veltrax::CaseInsensitiveHash()(x), veltrax::CaseInsensitiveHash()(y));
+        SettingsFile t;
+        t.setSetting(x, Variant(1));
+        QCOMPARE(t.hasSetting(y), same);
+    }
+
+    void dottedPathCreatesSubTrees()
+    {
+        SettingsFile t;
+        t.setSetting("a.b.c", Variant(1));
+        QVERIFY(t.hasSubTree("a"));
+        QVERIFY(t.hasSubTree("a.b"));
+        QCOMPARE(t.size(), size_t(1));
+        QCOMPARE(t.subTree("a").size(), size_t(1));
+        QCOMPARE(t.subTree("a").subTree("b").setting("c").toInt32(), 1);
+        QCOMPARE(t.subTree("a.b").parent(), &t.subTree("a"));
+        QCOMPARE(t.subTree("a.b").label(), std::string("b"));
+    }
+
+    void oddPathsResolveLikeSplitLabel_data()
+    {
+        QTest::addColumn<QString>("label");
+        QTest::addColumn<QStringList>("place"); // subtree, setting
+        QTest::newRow("trailing dot names the empty label") << "a." << QStringList {"a", ""};
+        QTest::newRow("double dot skips the empty head") << "a..b" << QStringList {"a", "b"};
+        QTest::newRow("leading dot stays at the top") << ".b" << QStringList {"", "b"};
+        QTest::newRow("lone dot") << "." << QStringList {"", ""};
+    }
+    void oddPathsResolveLikeSplitLabel()
+    {
+        QFETCH(QString, label);
+        QFETCH(QStringList, place);
+        SettingsFile t;
+        t.setSetting(label.toStdString(), Variant(7));
+        const SettingsFile& node = t.subTree(place[0].toStdString());
+        QVERIFY(node.isValid());
+        QCOMPARE(sortedLabels(node.settingLabels()), QStringList {place[1]});
+        QCOMPARE(t.setting(label.toStdString()).toInt32(), 7);
+    }
+
+    void readsOfMissingSettingsGiveDefaults()
+    {
+        const SettingsFile t = sample();
+        QVERIFY(t.setting("nope").empty());
+        QVERIFY(t.setting("nope.deeper").empty());
+        QCOMPARE(t.defaultSetting("nope", Variant(9)).toInt32(), 9);
+        QCOMPARE(t.defaultSetting("rate", Variant(9)).toInt32(), 1);
+        Variant v(42);
+        QVERIFY(!t.getSetting("nope", v));
+        QCOMPARE(v.toInt32(), 42);
+        QVERIFY(t.getSetting("a.", "name", v));
+        QCOMPARE(v.toStdString(), std::string("n"));
+        QVERIFY(!t.hasSubTree("a.b.rate"));
+    }
+
+    void settingThrowNamesTheLabel()
+    {
+        const SettingsFile t;
+        try {
+            t.settingThrow("x.y");
+            QFAIL("no exception");
+        } catch (const VxException& e) {
+            QCOMPARE(e.resultValue(), VXRV_NOTFOUND);
+            QCOMPARE(e.text().toStdString(), std::string("Setting x.y not found"));
+        }
+    }
+
+    void constSubTreeOfMissingPathIsSharedEmptyTree()
+    {
+        const SettingsFile t = sample();
+        const SettingsFile& missing = t.subTree("no.such");
+        QVERIFY(!missing.isValid());
+        QVERIFY(missing.empty());
+        const SettingsFile other;
+        QCOMPARE(&missing, &other.subTree("other"));
+        QCOMPARE(&t.subTree(""), &t);
+        QVERIFY(t.isValid());
+        QVERIFY(!t.hasSubTree("no")); // the const look-up created nothing
+    }
+
+    void hasSubTreeDistinguishesExistingAndNonEmpty()
+    {
+        SettingsFile t;
+        t.findSubTreeRef("empty.deeper");
+        t.setSetting("full.deeper.x", Variant(1));
+        QVERIFY(t.hasSubTree("empty", true));
+        QVERIFY(!t.hasSubTree("empty", false));
+        QVERIFY(t.hasSubTree("full", false));
+        QVERIFY(!t.hasSubTree("none", true));
+        QCOMPARE(sortedLabels(t.subTrees(false)), (QStringList {"empty", "full"}));
+        QCOMPARE(sortedLabels(t.subTrees(true)), QStringList {"full"});
+    }
+
+    void clearByPrefix_data()
+    {
+        QTest::addColumn<QString>("label");
+        QTest::addColumn<int>("removed");
+        QTest::addColumn<QStringList>("left");
+        QTest::newRow("prefix removes settings and subtree contents") << "rate" << 2 << QStringList {"a.b.count", "a.b.rate", "a.name", "abc.x", "z"};
+        QTest::newRow("prefix matches subtree labels") << "a" << 4 << QStringList {"rate", "rateMax", "z"};
+        QTest::newRow("dotted clears only inside the named subtree") << "a.b" << 2 << QStringList {"a.name", "abc.x", "rate", "rateMax", "z"};
+        QTest::newRow("dotted prefix inside") << "A.B.R" << 1 << QStringList {"a.b.count", "a.name", "abc.x", "rate", "rateMax", "z"};
+        QTest::newRow("nothing matches") << "q" << 0 << QStringList {"a.b.count", "a.b.rate", "a.name", "abc.x", "rate", "rateMax", "z"};
+    }
+
+    void clearByPrefix()
+    {
+        QFETCH(QString, label);
+        QFETCH(int, removed);
+        SettingsFile t = sample();
+        t.setDirty(false);
+        QCOMPARE(int(t.clear(label.toStdString())), removed);
+        QTEST(names(t), "left");
+        QCOMPARE(t.isModified(), removed > 0);
+    }
+
+    void clearAllKeepsEmptySubTrees()
+    {
+        SettingsFile t = sample();
+        QCOMPARE(t.clear(), size_t(7));
+        QVERIFY(t.empty());
+        QCOMPARE(sortedLabels(t.subTrees(false)), (QStringList {"a", "abc"}));
+        QVERIFY(t.subTrees(true).empty());
+    }
+
+    void eraseRemovesOneLabel()
+    {
+        SettingsFile t = sample();
+        QCOMPARE(t.erase("rate"), size_t(1));
+        QVERIFY(t.hasSetting("rateMax"));
+        QCOMPARE(t.erase("a.b"), size_t(2));
+        QVERIFY(!t.hasSubTree("a.b"));
+        QVERIFY(t.hasSetting("a.name"));
+        QCOMPARE(t.erase("no.such"), size_t(0));
+    }
+
+    void removeEmptySubTreesKeepsFilledOnes()
+    {
+        SettingsFile t;
+        t.findSubTreeRef("e1.e2");
+        t.findSubTreeRef("f.e3");
+        t.setSetting("f.x", Variant(1));
+        QCOMPARE(t.removeEmptySubTrees(), size_t(3));
+        QCOMPARE(sortedLabels(t.subTrees()), QStringList {"f"});
+        QVERIFY(t.subTree("f").subTrees().empty());
+    }
+
+    void modifiedFlagPropagatesUpAndClearsDown()
+    {
+        SettingsFile t;
+        t.setSetting("a.b.c", Variant(1));
+        t.setSetting("x.y", Variant(1));
+        QVERIFY(t.isModified());
+        t.setDirty(false);
+        QVERIFY(!t.isModified());
+        QVERIFY(!t.subTree("a.b").isModified());
+        t.setSetting("a.b.c", Variant(2));
+        QVERIFY(t.subTree("a.b").isModified());
+        QVERIFY(t.subTree("a").isModified());
+        QVERIFY(t.isModified());
+        QVERIFY(!t.subTree("x").isModified());
+        // Propagation stops at the first node already marked.
+        t.setDirty(false);
+        t.subTree("a").setDirty(true);
+        const_cast<SettingsFile&>(t.subTree("a")).setDirty(true);
+        t.subTree("a.b").setDirty(true);
+        QVERIFY(t.isModified());
+    }
+
+    void copyIsDeepAndIndependent()
+    {
+        SettingsFile t = sample();
+        SettingsFile copy(t);
+        copy.setSetting("a.b.rate", Variant(99));
+        QCOMPARE(t.setting("a.b.rate").toInt32(), 3);
+        QCOMPARE(names(copy), names(t));
+        QCOMPARE(&copy.subTree("a.b").root(), &copy);
+        SettingsFile assigned;
+        assigned.setSetting("gone", Variant(1));
+        assigned = t;
+        QCOMPARE(names(assigned), names(t));
+        SettingsFile moved(std::move(assigned));
+        QCOMPARE(names(moved), names(t));
+        QCOMPARE(&moved.subTree("a.b").root(), &moved);
+    }
+
+    void assignmentFromOwnSubTree()
+    {
+        SettingsFile t = sample();
+        t = t.subTree("a");
+        QCOMPARE(names(t), (QStringList {"b.count", "b.rate", "name"}));
+        SettingsFile u = sample();
+        u.subTree("abc") = u; // a copy of the whole tree below itself
+        QCOMPARE(u.setting("abc.a.b.rate").toInt32(), 3);
+        QCOMPARE(u.setting("abc.abc.x").toInt32(), 5);
+    }
+
+    void bulkOperations_data()
+    {
+        QTest::addColumn<QString>("operation");
+        QTest::addColumn<int>("affected");
+        QTest::addColumn<QString>("argument");
+        QTest::addColumn<QStringList>("result");
+        QTest::newRow("copyTo") << "copyTo" << 3 << "A." << QStringList {"a.b.count", "a.b.rate", "a.name"};
+        QTest::newRow("copyTo all") << "copyTo" << 7 << "" << names(sample());
+        QTest::newRow("copyToExcept") << "copyToExcept" << 3 << "a" << QStringList {"rate", "rateMax", "z"};
+        QTest::newRow("copyToPostfix") << "copyToPostfix" << 2 << "RATE" << QStringList {"a.b.rate", "rate"};
+        QTest::newRow("clearPostfix") << "clearPostfix" << 2 << "rate" << QStringList {"a.b.count", "a.name", "abc.x", "rateMax", "z"};
+        QTest::newRow("clearExcept") << "clearExcept" << 4 << "a." << QStringList {"a.b.count", "a.b.rate", "a.name"};
+        QTest::newRow("clearExceptPostfix") << "clearExceptPostfix" << 5 << "x" << QStringList {"abc.x", "rateMax"};
+    }
+    void bulkOperations()
+    {
+        QFETCH(QString, operation);
+        QFETCH(QString, argument);
+        SettingsFile t = sample();
+        SettingsFile target;
+        const std::string a = argument.toStdString();
+        const size_t n = operation == "copyTo" ? t.copyTo(target, a)
+            : operation == "copyToExcept"      ? t.copyToExcept(target, a)
+            : operation == "copyToPostfix"     ? t.copyToPostfix(target, a)
+            : operation == "clearPostfix"      ? t.clearPostfix(a)
+            : operation == "clearExcept"       ? t.clearExcept(a)
+                                               : t.clearExceptPostfix(a);
+        QTEST(int(n), "affected");
+        QTEST(names(operation.startsWith("copy") ? target : t), "result");
+    }
+
+    void replacePrefixRenames()
+    {
+        SettingsFile t = sample();
+        QCOMPARE(t.replacePrefix("a.b.", "moved."), size_t(2));
+        QCOMPARE(t.setting("moved.rate").toInt32(), 3);
+        QCOMPARE(t.setting("moved.count").toInt32(), 4);
+        QVERIFY(!t.hasSetting("a.b.rate"));
+        QVERIFY(t.hasSetting("a.name"));
+    }
+
+    void updateValuesTakesOnlyExisting()
+    {
+        SettingsFile t = sample();
+        SettingsFile source;
+        source.setSetting("a.b.rate", Variant(30));
+        source.setSetting("a.new", Variant(1));
+        source.setSetting("rate", Variant(10));
+        QCOMPARE(t.updateValues(source, "a."), size_t(1));
+        QCOMPARE(t.setting("a.b.rate").toInt32(), 30);
+        QCOMPARE(t.setting("rate").toInt32(), 1);
+        QVERIFY(!t.hasSetting("a.new"));
+        QCOMPARE(t.updateValuesPostfix(source, "rate"), size_t(2));
+        QCOMPARE(t.setting("rate").toInt32(), 10);
+    }
+
+    void importPutsUnderPrefix()
+    {
+        SettingsFile t;
+        t.setSetting("keep", Variant(1));
+        QCOMPARE(t.import(sample(), "in."), size_t(7));
+        QCOMPARE(t.size(), size_t(8));
+        QCOMPARE(t.setting("in.a.b.rate").toInt32(), 3);
+        SettingsFile::SortedSettings sorted;
+        t.getAll(sorted, "P.");
+        QCOMPARE(sorted.begin()->first, std::string("P.in.a.b.count"));
+        QCOMPARE(sorted.rbegin()->first, std::string("P.keep"));
+        QCOMPARE(t.import(t, "self."), size_t(8)); // importing from itself sees the content before the import
+        QCOMPARE(t.size(), size_t(16));
+    }
+
+    void deepPathsAreBounded()
+    {
+        SettingsFile t;
+        std::string deep;
+        for (int i = 0; i < SettingsFile::MaxDepth; ++i)
+            deep += "d.";
+        t.setSetting(deep + "ok", Variant(1));
+        QCOMPARE(t.size(), size_t(1));
+        try {
+            t.setSetting(deep + "d.tooDeep", Variant(1));
+            QFAIL("no exception");
+        } catch (const VxException& e) {
+            QCOMPARE(e.resultValue(), VXRV_DATAOVERFLOW);
+        }
+        // A copy of the deepest tree allowed works and goes away cleanly.
+        const SettingsFile copy(t);
+        QCOMPARE(copy.size(), size_t(1));
+    }
 };
-
-void SettingsFileTest::splitLabelFollowsTable_data()
-{
-    QTest::addColumn<QString>("label");
-    QTest::addColumn<QString>("head");
-    QTest::addColumn<QString>("tail");
-    QTest::newRow("empty") << ""
-                           << ""
-                           << "";
-    QTest::newRow("dot") << "."
-                         << ""
-                         << "";
-    QTest::newRow("plain") << "abc"
-                           << "abc"
-                           << "";
-    QTest::newRow("trailing only dot") << "a."
-                                       << "a"
-                                       << ".";
-    QTest::newRow("dotted") << "a.b.c"
-                            << "a"
-                            << "b.c";
-    QTest::newRow("leading dot") << ".b"
-                                 << ""
-                                 << "b";
-    QTest::newRow("double dot") << "a..b"
-                                << "a"
-                                << ".b";
-    QTest::newRow("two trailing dots") << "a.."
-                                       << "a"
-                                       << ".";
-}
-
-void SettingsFileTest::splitLabelFollowsTable()
-{
-    QFETCH(QString, label);
-    QFETCH(QString, head);
-    QFETCH(QString, tail);
-    const auto split = SettingsFile::splitLabel(label.toStdString());
-    QCOMPARE(QString::fromStdString(split.first), head);
-    QCOMPARE(QString::fromStdString(split.second), tail);
-}
-
-void SettingsFileTest::keysIgnoreCaseAndKeepFirstSpelling()
-{
-    SettingsFile t;
-    t.setSetting("rate", Variant(1));
-    QVERIFY(t.hasSetting("Rate"));
-    QVERIFY(t.hasSetting("RATE"));
-    t.setSetting("RATE", Variant(2));
-    QCOMPARE(t.size(), size_t(1));
-    QCOMPARE(t.setting("rate").toInt32(), 2);
-    QCOMPARE(sortedLabels(t.settingLabels()), QStringList {"rate"});
-    t.setSetting("Sub.X", Variant(1));
-    t.setSetting("sub.x", Variant(3));
-    QCOMPARE(sortedLabels(t.subTrees()), QStringList {"Sub"});
-    QCOMPARE(t.subTree("SUB").setting("X").toInt32(), 3);
-}
-
-void SettingsFileTest::caseFoldingIsAsciiOnly_data()
-{
-    QTest::addColumn<QByteArray>("a");
-    QTest::addColumn<QByteArray>("b");
-    QTest::addColumn<bool>("same");
-    QTest::newRow("short") << QByteArray("Rate") << QByteArray("rATE") << true;
-    QTest::newRow("longer than a word") << QByteArray("SettingNumber12345XYZ") << QByteArray("settingnumber12345xyz") << true;
-    QTest::newRow("letters at the edges") << QByteArray("AZaz") << QByteArray("azAZ") << true;
-    QTest::newRow("neighbours of A and Z") << QByteArray("@[") << QByteArray("`{") << false;
-    QTest::newRow("Latin-1 bytes") << QByteArray("\xc1") << QByteArray("\xe1") << false;
-    QTest::newRow("UTF-8 letters") << QByteArray("\xc3\x84x") << QByteArray("\xc3\xa4X") << false;
-    QTest::newRow("different length") << QByteArray("abc") << QByteArray("abcd") << false;
-}
-
-void SettingsFileTest::caseFoldingIsAsciiOnly()
-{
-    QFETCH(QByteArray, a);
-    QFETCH(QByteArray, b);
-    QFETCH(bool, same);
-    const std::string x = a.toStdString();
-    const std::string y = b.toStdString();
-    QCOMPARE(veltrax::CaseInsensitiveEqual()(x, y), same);
-    if (same)
-        QCOMPARE(veltrax::CaseInsensitiveHash()(x), veltrax::CaseInsensitiveHash()(y));
-    SettingsFile t;
-    t.setSetting(x, Variant(1));
-    QCOMPARE(t.hasSetting(y), same);
-}
-
-void SettingsFileTest::dottedPathCreatesSubTrees()
-{
-    SettingsFile t;
-    t.setSetting("a.b.c", Variant(1));
-    QVERIFY(t.hasSubTree("a"));
-    QVERIFY(t.hasSubTree("a.b"));
-    QCOMPARE(t.size(), size_t(1));
-    QCOMPARE(t.subTree("a").size(), size_t(1));
-    QCOMPARE(t.subTree("a").subTree("b").setting("c").toInt32(), 1);
-    QCOMPARE(t.subTree("a.b").parent(), &t.subTree("a"));
-    QCOMPARE(t.subTree("a.b").label(), std::string("b"));
-}
-
-void SettingsFileTest::oddPathsResolveLikeSplitLabel_data()
-{
-    QTest::addColumn<QString>("label");
-    QTest::addColumn<QString>("subTree");
-    QTest::addColumn<QString>("setting");
-    QTest::newRow("trailing dot names the empty label") << "a."
-                                                        << "a"
-                                                        << "";
-    QTest::newRow("double dot skips the empty head") << "a..b"
-                                                     << "a"
-                                                     << "b";
-    QTest::newRow("leading dot stays at the top") << ".b"
-                                                  << ""
-                                                  << "b";
-    QTest::newRow("lone dot") << "."
-                              << ""
-                              << "";
-}
-
-void SettingsFileTest::oddPathsResolveLikeSplitLabel()
-{
-    QFETCH(QString, label);
-    QFETCH(QString, subTree);
-    QFETCH(QString, setting);
-    SettingsFile t;
-    t.setSetting(label.toStdString(), Variant(7));
-    const SettingsFile& node = t.subTree(subTree.toStdString());
-    QVERIFY(node.isValid());
-    QCOMPARE(sortedLabels(node.settingLabels()), QStringList {setting});
-    QCOMPARE(t.setting(label.toStdString()).toInt32(), 7);
-}
-
-void SettingsFileTest::readsOfMissingSettingsGiveDefaults()
-{
-    const SettingsFile t = sample();
-    QVERIFY(t.setting("nope").empty());
-    QVERIFY(t.setting("nope.deeper").empty());
-    QCOMPARE(t.defaultSetting("nope", Variant(9)).toInt32(), 9);
-    QCOMPARE(t.defaultSetting("rate", Variant(9)).toInt32(), 1);
-    Variant v(42);
-    QVERIFY(!t.getSetting("nope", v));
-    QCOMPARE(v.toInt32(), 42);
-    QVERIFY(t.getSetting("a.", "name", v));
-    QCOMPARE(v.toStdString(), std::string("n"));
-    QVERIFY(!t.hasSubTree("a.b.rate"));
-}
-
-void SettingsFileTest::settingThrowNamesTheLabel()
-{
-    const SettingsFile t;
-    try {
-        t.settingThrow("x.y");
-        QFAIL("no exception");
-    } catch (const VxException& e) {
-        QCOMPARE(e.resultValue(), VXRV_NOTFOUND);
-        QCOMPARE(e.text().toStdString(), std::string("Setting x.y not found"));
-    }
-}
-
-void SettingsFileTest::constSubTreeOfMissingPathIsSharedEmptyTree()
-{
-    const SettingsFile t = sample();
-    const SettingsFile& missing = t.subTree("no.such");
-    QVERIFY(!missing.isValid());
-    QVERIFY(missing.empty());
-    const SettingsFile other;
-    QCOMPARE(&missing, &other.subTree("other"));
-    QCOMPARE(&t.subTree(""), &t);
-    QVERIFY(t.isValid());
-    QVERIFY(!t.hasSubTree("no")); // the const look-up created nothing
-}
-
-void SettingsFileTest::hasSubTreeDistinguishesExistingAndNonEmpty()
-{
-    SettingsFile t;
-    t.findSubTreeRef("empty.deeper");
-    t.setSetting("full.deeper.x", Variant(1));
-    QVERIFY(t.hasSubTree("empty", true));
-    QVERIFY(!t.hasSubTree("empty", false));
-    QVERIFY(t.hasSubTree("full", false));
-    QVERIFY(!t.hasSubTree("none", true));
-    QCOMPARE(sortedLabels(t.subTrees(false)), (QStringList {"empty", "full"}));
-    QCOMPARE(sortedLabels(t.subTrees(true)), QStringList {"full"});
-}
-
-void SettingsFileTest::clearByPrefix_data()
-{
-    QTest::addColumn<QString>("label");
-    QTest::addColumn<int>("removed");
-    QTest::addColumn<QStringList>("left");
-    QTest::newRow("prefix removes settings and subtree contents") << "rate" << 2 << QStringList {"a.b.count", "a.b.rate", "a.name", "abc.x", "z"};
-    QTest::newRow("prefix matches subtree labels") << "a" << 4 << QStringList {"rate", "rateMax", "z"};
-    QTest::newRow("dotted clears only inside the named subtree") << "a.b" << 2 << QStringList {"a.name", "abc.x", "rate", "rateMax", "z"};
-    QTest::newRow("dotted prefix inside") << "A.B.R" << 1 << QStringList {"a.b.count", "a.name", "abc.x", "rate", "rateMax", "z"};
-    QTest::newRow("nothing matches") << "q" << 0 << QStringList {"a.b.count", "a.b.rate", "a.name", "abc.x", "rate", "rateMax", "z"};
-}
-
-void SettingsFileTest::clearByPrefix()
-{
-    QFETCH(QString, label);
-    QFETCH(int, removed);
-    QFETCH(QStringList, left);
-    SettingsFile t = sample();
-    t.setDirty(false);
-    QCOMPARE(int(t.clear(label.toStdString())), removed);
-    QCOMPARE(names(t), left);
-    QCOMPARE(t.isModified(), removed > 0);
-}
-
-void SettingsFileTest::clearAllKeepsEmptySubTrees()
-{
-    SettingsFile t = sample();
-    QCOMPARE(t.clear(), size_t(7));
-    QVERIFY(t.empty());
-    QCOMPARE(sortedLabels(t.subTrees(false)), (QStringList {"a", "abc"}));
-    QVERIFY(t.subTrees(true).empty());
-}
-
-void SettingsFileTest::eraseRemovesOneLabel()
-{
-    SettingsFile t = sample();
-    QCOMPARE(t.erase("rate"), size_t(1));
-    QVERIFY(t.hasSetting("rateMax"));
-    QCOMPARE(t.erase("a.b"), size_t(2));
-    QVERIFY(!t.hasSubTree("a.b"));
-    QVERIFY(t.hasSetting("a.name"));
-    QCOMPARE(t.erase("no.such"), size_t(0));
-}
-
-void SettingsFileTest::removeEmptySubTreesKeepsFilledOnes()
-{
-    SettingsFile t;
-    t.findSubTreeRef("e1.e2");
-    t.findSubTreeRef("f.e3");
-    t.setSetting("f.x", Variant(1));
-    QCOMPARE(t.removeEmptySubTrees(), size_t(3));
-    QCOMPARE(sortedLabels(t.subTrees()), QStringList {"f"});
-    QVERIFY(t.subTree("f").subTrees().empty());
-}
-
-void SettingsFileTest::modifiedFlagPropagatesUpAndClearsDown()
-{
-    SettingsFile t;
-    t.setSetting("a.b.c", Variant(1));
-    t.setSetting("x.y", Variant(1));
-    QVERIFY(t.isModified());
-    t.setDirty(false);
-    QVERIFY(!t.isModified());
-    QVERIFY(!t.subTree("a.b").isModified());
-    t.setSetting("a.b.c", Variant(2));
-    QVERIFY(t.subTree("a.b").isModified());
-    QVERIFY(t.subTree("a").isModified());
-    QVERIFY(t.isModified());
-    QVERIFY(!t.subTree("x").isModified());
-    // Propagation stops at the first node already marked.
-    t.setDirty(false);
-    t.subTree("a").setDirty(true);
-    const_cast<SettingsFile&>(t.subTree("a")).setDirty(true);
-    t.subTree("a.b").setDirty(true);
-    QVERIFY(t.isModified());
-}
-
-void SettingsFileTest::copyIsDeepAndIndependent()
-{
-    SettingsFile t = sample();
-    SettingsFile copy(t);
-    copy.setSetting("a.b.rate", Variant(99));
-    QCOMPARE(t.setting("a.b.rate").toInt32(), 3);
-    QCOMPARE(names(copy), names(t));
-    QCOMPARE(&copy.subTree("a.b").root(), &copy);
-    SettingsFile assigned;
-    assigned.setSetting("gone", Variant(1));
-    assigned = t;
-    QCOMPARE(names(assigned), names(t));
-    SettingsFile moved(std::move(assigned));
-    QCOMPARE(names(moved), names(t));
-    QCOMPARE(&moved.subTree("a.b").root(), &moved);
-}
-
-void SettingsFileTest::assignmentFromOwnSubTree()
-{
-    SettingsFile t = sample();
-    t = t.subTree("a");
-    QCOMPARE(names(t), (QStringList {"b.count", "b.rate", "name"}));
-    SettingsFile u = sample();
-    u.subTree("abc") = u; // a copy of the whole tree below itself
-    QCOMPARE(u.setting("abc.a.b.rate").toInt32(), 3);
-    QCOMPARE(u.setting("abc.abc.x").toInt32(), 5);
-}
-
-void SettingsFileTest::bulkOperations_data()
-{
-    QTest::addColumn<QString>("operation");
-    QTest::addColumn<QString>("argument");
-    QTest::addColumn<int>("affected");
-    QTest::addColumn<QStringList>("result");
-
-    QTest::newRow("copyTo") << "copyTo"
-                            << "A." << 3 << QStringList {"a.b.count", "a.b.rate", "a.name"};
-    QTest::newRow("copyTo all") << "copyTo"
-                                << "" << 7 << names(sample());
-    QTest::newRow("copyToExcept") << "copyToExcept"
-                                  << "a" << 3 << QStringList {"rate", "rateMax", "z"};
-    QTest::newRow("copyToPostfix") << "copyToPostfix"
-                                   << "RATE" << 2 << QStringList {"a.b.rate", "rate"};
-    QTest::newRow("clearPostfix") << "clearPostfix"
-                                  << "rate" << 2 << QStringList {"a.b.count", "a.name", "abc.x", "rateMax", "z"};
-    QTest::newRow("clearExcept") << "clearExcept"
-                                 << "a." << 4 << QStringList {"a.b.count", "a.b.rate", "a.name"};
-    QTest::newRow("clearExceptPostfix") << "clearExceptPostfix"
-                                        << "x" << 5 << QStringList {"abc.x", "rateMax"};
-}
-
-void SettingsFileTest::bulkOperations()
-{
-    QFETCH(QString, operation);
-    QFETCH(QString, argument);
-    QFETCH(int, affected);
-    QFETCH(QStringList, result);
-    SettingsFile t = sample();
-    SettingsFile target;
-    const std::string arg = argument.toStdString();
-    size_t n = 0;
-    SettingsFile* shown = &t;
-    if (operation == "copyTo") {
-        n = t.copyTo(target, arg);
-        shown = &target;
-    } else if (operation == "copyToExcept") {
-        n = t.copyToExcept(target, arg);
-        shown = &target;
-    } else if (operation == "copyToPostfix") {
-        n = t.copyToPostfix(target, arg);
-        shown = &target;
-    } else if (operation == "clearPostfix") {
-        n = t.clearPostfix(arg);
-    } else if (operation == "clearExcept") {
-        n = t.clearExcept(arg);
-    } else if (operation == "clearExceptPostfix") {
-        n = t.clearExceptPostfix(arg);
-    }
-    QCOMPARE(int(n), affected);
-    QCOMPARE(names(*shown), result);
-}
-
-void SettingsFileTest::replacePrefixRenames()
-{
-    SettingsFile t = sample();
-    QCOMPARE(t.replacePrefix("a.b.", "moved."), size_t(2));
-    QCOMPARE(t.setting("moved.rate").toInt32(), 3);
-    QCOMPARE(t.setting("moved.count").toInt32(), 4);
-    QVERIFY(!t.hasSetting("a.b.rate"));
-    QVERIFY(t.hasSetting("a.name"));
-}
-
-void SettingsFileTest::updateValuesTakesOnlyExisting()
-{
-    SettingsFile t = sample();
-    SettingsFile source;
-    source.setSetting("a.b.rate", Variant(30));
-    source.setSetting("a.new", Variant(1));
-    source.setSetting("rate", Variant(10));
-    QCOMPARE(t.updateValues(source, "a."), size_t(1));
-    QCOMPARE(t.setting("a.b.rate").toInt32(), 30);
-    QCOMPARE(t.setting("rate").toInt32(), 1);
-    QVERIFY(!t.hasSetting("a.new"));
-    QCOMPARE(t.updateValuesPostfix(source, "rate"), size_t(2));
-    QCOMPARE(t.setting("rate").toInt32(), 10);
-}
-
-void SettingsFileTest::importPutsUnderPrefix()
-{
-    SettingsFile t;
-    t.setSetting("keep", Variant(1));
-    QCOMPARE(t.import(sample(), "in."), size_t(7));
-    QCOMPARE(t.size(), size_t(8));
-    QCOMPARE(t.setting("in.a.b.rate").toInt32(), 3);
-    SettingsFile::SortedSettings sorted;
-    t.getAll(sorted, "P.");
-    QCOMPARE(sorted.begin()->first, std::string("P.in.a.b.count"));
-    QCOMPARE(sorted.rbegin()->first, std::string("P.keep"));
-    QCOMPARE(t.import(t, "self."), size_t(8)); // importing from itself sees the content before the import
-    QCOMPARE(t.size(), size_t(16));
-}
-
-void SettingsFileTest::deepPathsAreBounded()
-{
-    SettingsFile t;
-    std::string deep;
-    for (int i = 0; i < SettingsFile::MaxDepth; ++i)
-        deep += "d.";
-    t.setSetting(deep + "ok", Variant(1));
-    QCOMPARE(t.size(), size_t(1));
-    try {
-        t.setSetting(deep + "d.tooDeep", Variant(1));
-        QFAIL("no exception");
-    } catch (const VxException& e) {
-        QCOMPARE(e.resultValue(), VXRV_DATAOVERFLOW);
-    }
-    // A copy of the deepest tree allowed works and goes away cleanly.
-    const SettingsFile copy(t);
-    QCOMPARE(copy.size(), size_t(1));
-}
 
 QTEST_GUILESS_MAIN(SettingsFileTest)
 #include "settingsfiletest.moc"

@@ -47,321 +47,301 @@ class SettingsFileTextFormTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void headerNamesCreator_data();
-    void headerNamesCreator();
-    void linesSortedSubTreesFirst();
-    void valueLinesPerKind_data();
-    void valueLinesPerKind();
-    void writeFilterAppliesToLabels();
-    void readerLineRules_data();
-    void readerLineRules();
-    void readerMarksModifiedAndMerges();
-    void everyKindRoundTripsThroughText();
-    void readerSurvivesArbitraryBytes();
-    void openReadsAndRemembersFile();
-    void openOfMissingFileFails();
-    void createSaveAndClose();
-    void saveOnExitWritesModifiedTree();
-    void readVxaAndImportAddSettings();
-};
+    void headerNamesCreator_data()
+    {
+        QTest::addColumn<QString>("creator");
+        QTest::addColumn<QString>("firstLine");
+        QTest::newRow("default creator") << ""
+                                         << "; VXA file created by Veltrax (tm)";
+        QTest::newRow("named creator") << "My Tool 2.0"
+                                       << "; VXA file created by My Tool 2.0";
+    }
 
-void SettingsFileTextFormTest::headerNamesCreator_data()
-{
-    QTest::addColumn<QString>("creator");
-    QTest::addColumn<QString>("firstLine");
-    QTest::newRow("default creator") << ""
-                                     << "; VXA file created by Veltrax (tm)";
-    QTest::newRow("named creator") << "My Tool 2.0"
-                                   << "; VXA file created by My Tool 2.0";
-}
+    void headerNamesCreator()
+    {
+        QFETCH(QString, creator);
+        const QStringList lines = vxa(SettingsFile(), "", creator.toStdString()).split('\n');
+        QCOMPARE(lines.size(), 3); // two lines, each ended by a line feed
+        QTEST(lines[0], "firstLine");
+        QVERIFY(lines[1].startsWith(QLatin1String("; ")));
+        QVERIFY(lines[1].contains(QLatin1String("Veltrax")));
+        QCOMPARE(lines[2], QString());
+        QCOMPARE(vxa(SettingsFile(), "", "-"), QString());
+    }
 
-void SettingsFileTextFormTest::headerNamesCreator()
-{
-    QFETCH(QString, creator);
-    QFETCH(QString, firstLine);
-    const QStringList lines = vxa(SettingsFile(), "", creator.toStdString()).split('\n');
-    QCOMPARE(lines.size(), 3); // two lines, each ended by a line feed
-    QCOMPARE(lines[0], firstLine);
-    QVERIFY(lines[1].startsWith(QLatin1String("; ")));
-    QVERIFY(lines[1].contains(QLatin1String("Veltrax")));
-    QCOMPARE(lines[2], QString());
-    QCOMPARE(vxa(SettingsFile(), "", "-"), QString());
-}
+    void linesSortedSubTreesFirst()
+    {
+        SettingsFile t;
+        t.setSetting("b.z", Variant(1));
+        t.setSetting("a", Variant(2));
+        t.setSetting("C", Variant(3));
+        t.setSetting("B.A", Variant(4));
+        t.setSetting("Aa.x", Variant(5));
+        t.setSetting("b.q.r", Variant(6));
+        QCOMPARE(vxa(t),
+            QStringLiteral("Aa.x=I:5\n"
+                           "b.q.r=I:6\n"
+                           "b.A=I:4\n"
+                           "b.z=I:1\n"
+                           "a=I:2\n"
+                           "C=I:3\n"));
+    }
 
-void SettingsFileTextFormTest::linesSortedSubTreesFirst()
-{
-    SettingsFile t;
-    t.setSetting("b.z", Variant(1));
-    t.setSetting("a", Variant(2));
-    t.setSetting("C", Variant(3));
-    t.setSetting("B.A", Variant(4));
-    t.setSetting("Aa.x", Variant(5));
-    t.setSetting("b.q.r", Variant(6));
-    QCOMPARE(vxa(t),
-        QStringLiteral("Aa.x=I:5\n"
-                       "b.q.r=I:6\n"
-                       "b.A=I:4\n"
-                       "b.z=I:1\n"
-                       "a=I:2\n"
-                       "C=I:3\n"));
-}
+    void valueLinesPerKind_data()
+    {
+        QTest::addColumn<Variant>("value");
+        QTest::addColumn<QString>("line");
+        QTest::newRow("double") << Variant(2.5) << "v=F:2.5\n";
+        QTest::newRow("bool") << Variant(true) << "v=B:Y\n";
+        QTest::newRow("text") << Variant("hello") << "v=S:hello\n";
+        QTest::newRow("text ending in line feed gets no second one") << Variant("two\n") << "v=S:two\n";
+        QTest::newRow("empty value") << Variant() << "v=\n";
+        QTest::newRow("int64") << Variant(-5L) << "v=J:-5\n";
+        QTest::newRow("vector") << Variant(VxVector {1, 2}) << "v=V:[1,2]\n";
+    }
 
-void SettingsFileTextFormTest::valueLinesPerKind_data()
-{
-    QTest::addColumn<Variant>("value");
-    QTest::addColumn<QString>("line");
-    QTest::newRow("double") << Variant(2.5) << "v=F:2.5\n";
-    QTest::newRow("bool") << Variant(true) << "v=B:Y\n";
-    QTest::newRow("text") << Variant("hello") << "v=S:hello\n";
-    QTest::newRow("text ending in line feed gets no second one") << Variant("two\n") << "v=S:two\n";
-    QTest::newRow("empty value") << Variant() << "v=\n";
-    QTest::newRow("int64") << Variant(-5L) << "v=J:-5\n";
-    QTest::newRow("vector") << Variant(VxVector {1, 2}) << "v=V:[1,2]\n";
-}
+    void valueLinesPerKind()
+    {
+        QFETCH(Variant, value);
+        SettingsFile t;
+        t.setSetting("v", value);
+        QTEST(vxa(t), "line");
+    }
 
-void SettingsFileTextFormTest::valueLinesPerKind()
-{
-    QFETCH(Variant, value);
-    QFETCH(QString, line);
-    SettingsFile t;
-    t.setSetting("v", value);
-    QCOMPARE(vxa(t), line);
-}
+    void writeFilterAppliesToLabels()
+    {
+        SettingsFile t;
+        t.setSetting("rate", Variant(1));
+        t.setSetting("other", Variant(2));
+        t.setSetting("sub.RateMax", Variant(3));
+        t.setSetting("sub.x", Variant(4));
+        QCOMPARE(vxa(t, "ra"), QStringLiteral("sub.RateMax=I:3\nrate=I:1\n"));
+    }
 
-void SettingsFileTextFormTest::writeFilterAppliesToLabels()
-{
-    SettingsFile t;
-    t.setSetting("rate", Variant(1));
-    t.setSetting("other", Variant(2));
-    t.setSetting("sub.RateMax", Variant(3));
-    t.setSetting("sub.x", Variant(4));
-    QCOMPARE(vxa(t, "ra"), QStringLiteral("sub.RateMax=I:3\nrate=I:1\n"));
-}
+    void readerLineRules_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("filter");
+        QTest::addColumn<QString>("prefix");
+        QTest::addColumn<QString>("expected");
 
-void SettingsFileTextFormTest::readerLineRules_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("filter");
-    QTest::addColumn<QString>("prefix");
-    QTest::addColumn<QString>("expected");
-
-    QTest::newRow("comments and empty lines skipped") << "; a=I:1\n\n\nb=I:2\n"
-                                                      << ""
-                                                      << ""
-                                                      << "b=I:2\n";
-    QTest::newRow("line without equals skipped") << "junk\nb=I:2"
-                                                 << ""
-                                                 << ""
-                                                 << "b=I:2\n";
-    QTest::newRow("double equals") << "a==S:x\n"
+        QTest::newRow("comments and empty lines skipped") << "; a=I:1\n\n\nb=I:2\n"
+                                                          << ""
+                                                          << ""
+                                                          << "b=I:2\n";
+        QTest::newRow("line without equals skipped") << "junk\nb=I:2"
+                                                     << ""
+                                                     << ""
+                                                     << "b=I:2\n";
+        QTest::newRow("double equals") << "a==S:x\n"
+                                       << ""
+                                       << ""
+                                       << "a=S:x\n";
+        QTest::newRow("CRLF text") << "a=S:x\r\n"
                                    << ""
                                    << ""
                                    << "a=S:x\n";
-    QTest::newRow("CRLF text") << "a=S:x\r\n"
-                               << ""
-                               << ""
-                               << "a=S:x\n";
-    QTest::newRow("CRLF number") << "a=I:7\r\n"
-                                 << ""
-                                 << ""
-                                 << "a=I:7\n";
-    QTest::newRow("filter on names") << "Rate=I:1\nother=I:2\nrate.x=I:3\n"
-                                     << "RA"
+        QTest::newRow("CRLF number") << "a=I:7\r\n"
                                      << ""
-                                     << "rate.x=I:3\nRate=I:1\n";
-    QTest::newRow("prefix prepended") << "a=I:1\n"
-                                      << ""
-                                      << "p.q."
-                                      << "p.q.a=I:1\n";
-    QTest::newRow("equals in text value") << "t=S:a=b\n"
+                                     << ""
+                                     << "a=I:7\n";
+        QTest::newRow("filter on names") << "Rate=I:1\nother=I:2\nrate.x=I:3\n"
+                                         << "RA"
+                                         << ""
+                                         << "rate.x=I:3\nRate=I:1\n";
+        QTest::newRow("prefix prepended") << "a=I:1\n"
+                                          << ""
+                                          << "p.q."
+                                          << "p.q.a=I:1\n";
+        QTest::newRow("equals in text value") << "t=S:a=b\n"
+                                              << ""
+                                              << ""
+                                              << "t=S:a=b\n";
+        QTest::newRow("empty value") << "e=\n"
+                                     << ""
+                                     << ""
+                                     << "e=\n";
+        QTest::newRow("unknown tag kept") << "u=Z:whatever\n"
                                           << ""
                                           << ""
-                                          << "t=S:a=b\n";
-    QTest::newRow("empty value") << "e=\n"
-                                 << ""
-                                 << ""
-                                 << "e=\n";
-    QTest::newRow("unknown tag kept") << "u=Z:whatever\n"
-                                      << ""
-                                      << ""
-                                      << "u=Z:\n";
-    QTest::newRow("tag without colon") << "b=B\n"
-                                       << ""
-                                       << ""
-                                       << "b=B:N\n";
-    QTest::newRow("dotted names make subtrees") << "a.b.c=B:y\n"
-                                                << ""
-                                                << ""
-                                                << "a.b.c=B:Y\n";
-    QTest::newRow("last line wins") << "a=I:1\nA=I:2\n"
-                                    << ""
-                                    << ""
-                                    << "a=I:2\n";
-}
-
-void SettingsFileTextFormTest::readerLineRules()
-{
-    QFETCH(QString, text);
-    QFETCH(QString, filter);
-    QFETCH(QString, prefix);
-    QFETCH(QString, expected);
-    SettingsFile t;
-    t.readVxaString(text.toStdString(), filter.toStdString(), prefix.toStdString());
-    QCOMPARE(vxa(t), expected);
-}
-
-void SettingsFileTextFormTest::readerMarksModifiedAndMerges()
-{
-    SettingsFile t;
-    t.setSetting("keep", Variant(1));
-    t.setDirty(false);
-    t.readVxaString("; nothing\n");
-    QVERIFY(t.isModified());
-    t.readVxaString("new=I:2\n");
-    QCOMPARE(t.size(), size_t(2));
-}
-
-void SettingsFileTextFormTest::everyKindRoundTripsThroughText()
-{
-    SettingsFile t;
-    t.setSetting("e", Variant());
-    t.setSetting("b", Variant(false));
-    t.setSetting("f", Variant(-0.125));
-    t.setSetting("i", Variant(-3));
-    t.setSetting("j", Variant(1L << 50));
-    t.setSetting("l", Variant(veltrax::IntList {1, 0xFFFFFFFFu}));
-    t.setSetting("m", Variant(VxMatrix(2, 2, {1, 2, 3, 4})));
-    t.setSetting("n", Variant(veltrax::BinaryObject("\x00\x01\n", 3)));
-    t.setSetting("q", Variant(VxQuaternion(0, 0, 0, 1)));
-    t.setSetting("s", Variant("some text; with = signs"));
-    t.setSetting("t", Variant(std::string(1000, 't')));
-    t.setSetting("u", Variant(labels({"x y", "line\nbreak", ""})));
-    t.setSetting("v", Variant(VxVector {0.5}));
-    t.setSetting("y", Variant(veltrax::Tensor({1, 2}, {3, 4})));
-    t.setSetting("a.deep", Variant(veltrax::MatrixArray {VxMatrix(1, 1, {1})}));
-    std::string text;
-    t.writeVxaString("", text, "");
-    SettingsFile back;
-    back.readVxaString(text);
-    QCOMPARE(back.size(), t.size());
-    for (const auto& s : t.flattened()) {
-        const Variant v = back.setting(s.first);
-        QVERIFY2(v == s.second, s.first.c_str());
-        QCOMPARE(int(v.type()), int(s.second.type()));
+                                          << "u=Z:\n";
+        QTest::newRow("tag without colon") << "b=B\n"
+                                           << ""
+                                           << ""
+                                           << "b=B:N\n";
+        QTest::newRow("dotted names make subtrees") << "a.b.c=B:y\n"
+                                                    << ""
+                                                    << ""
+                                                    << "a.b.c=B:Y\n";
+        QTest::newRow("last line wins") << "a=I:1\nA=I:2\n"
+                                        << ""
+                                        << ""
+                                        << "a=I:2\n";
     }
-}
 
-void SettingsFileTextFormTest::readerSurvivesArbitraryBytes()
-{
-    QRandomGenerator random(1234);
-    const char alphabet[] = "=;\n\r.:SBTFIJLMNQUVYA[](){},;0x1-e9 \"\\\xff";
-    for (int round = 0; round < 500; ++round) {
+    void readerLineRules()
+    {
+        QFETCH(QString, text);
+        QFETCH(QString, filter);
+        QFETCH(QString, prefix);
+        SettingsFile t;
+        t.readVxaString(text.toStdString(), filter.toStdString(), prefix.toStdString());
+        QTEST(vxa(t), "expected");
+    }
+
+    void readerMarksModifiedAndMerges()
+    {
+        SettingsFile t;
+        t.setSetting("keep", Variant(1));
+        t.setDirty(false);
+        t.readVxaString("; nothing\n");
+        QVERIFY(t.isModified());
+        t.readVxaString("new=I:2\n");
+        QCOMPARE(t.size(), size_t(2));
+    }
+
+    void everyKindRoundTripsThroughText()
+    {
+        SettingsFile t;
+        t.setSetting("e", Variant());
+        t.setSetting("b", Variant(false));
+        t.setSetting("f", Variant(-0.125));
+        t.setSetting("i", Variant(-3));
+        t.setSetting("j", Variant(1L << 50));
+        t.setSetting("l", Variant(veltrax::IntList {1, 0xFFFFFFFFu}));
+        t.setSetting("m", Variant(VxMatrix(2, 2, {1, 2, 3, 4})));
+        t.setSetting("n", Variant(veltrax::BinaryObject("\x00\x01\n", 3)));
+        t.setSetting("q", Variant(VxQuaternion(0, 0, 0, 1)));
+        t.setSetting("s", Variant("some text; with = signs"));
+        t.setSetting("t", Variant(std::string(1000, 't')));
+        t.setSetting("u", Variant(labels({"x y", "line\nbreak", ""})));
+        t.setSetting("v", Variant(VxVector {0.5}));
+        t.setSetting("y", Variant(veltrax::Tensor({1, 2}, {3, 4})));
+        t.setSetting("a.deep", Variant(veltrax::MatrixArray {VxMatrix(1, 1, {1})}));
         std::string text;
-        const int length = int(random.bounded(200));
-        for (int i = 0; i < length; ++i)
-            text.push_back(round % 2 ? char(random.bounded(256)) : alphabet[random.bounded(int(sizeof alphabet - 1))]);
-        SettingsFile t;
-        t.readVxaString(text);
-        std::string out;
-        t.writeVxaString("", out, "-"); // whatever was stored can be written again
-        SettingsFile again;
-        again.readVxaString(out);
+        t.writeVxaString("", text, "");
+        SettingsFile back;
+        back.readVxaString(text);
+        QCOMPARE(back.size(), t.size());
+        for (const auto& s : t.flattened()) {
+            const Variant v = back.setting(s.first);
+            QVERIFY2(v == s.second, s.first.c_str());
+            QCOMPARE(int(v.type()), int(s.second.type()));
+        }
     }
-}
 
-void SettingsFileTextFormTest::openReadsAndRemembersFile()
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath("settings.vxa");
-    writeFile(path, "; header\nx.y=I:5\n");
-    SettingsFile t;
-    t.setSetting("gone", Variant(1));
-    // Without an extension the file name gets ".vxa".
-    QVERIFY(t.open(dir.filePath("settings").toStdString()));
-    QCOMPARE(QString::fromStdString(t.getFilename()), path);
-    QCOMPARE(t.setting("x.y").toInt32(), 5);
-    QVERIFY(!t.hasSetting("gone"));
-    QVERIFY(!t.isModified());
-}
-
-void SettingsFileTextFormTest::openOfMissingFileFails()
-{
-    QTemporaryDir dir;
-    SettingsFile t;
-    t.setSetting("kept", Variant(1));
-    QVERIFY(!t.open(dir.filePath("missing.vxa").toStdString()));
-    QVERIFY(t.hasSetting("kept"));
-    QVERIFY(t.getFilename().empty());
-    QVERIFY(!t.readVxa(dir.filePath("missing.vxa").toStdString()));
-    QVERIFY(!t.writeVxa(dir.filePath("no/such/dir/x.vxa").toStdString()));
-    QVERIFY(!t.save()); // no file to save to
-}
-
-void SettingsFileTextFormTest::createSaveAndClose()
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath("made.vxa");
-    SettingsFile t;
-    t.setSetting("old", Variant(1));
-    QVERIFY(t.create(path.toStdString()));
-    QVERIFY(t.empty());
-    QVERIFY(fileText(path).startsWith("; VXA file created by"));
-    t.setSetting("a.b", Variant("v"));
-    QVERIFY(t.isModified());
-    QVERIFY(t.save());
-    QVERIFY(!t.isModified());
-    QVERIFY(fileText(path).endsWith("a.b=S:v\n"));
-    t.setSetting("c", Variant(1));
-    QVERIFY(t.close()); // no auto-save: nothing written
-    QVERIFY(!fileText(path).contains("c=I:1"));
-    QVERIFY(t.getFilename().empty());
-
-    SettingsFile u;
-    QVERIFY(u.open(path.toStdString()));
-    u.setAutoSaveOnExit(true);
-    u.setSetting("c", Variant(1));
-    QVERIFY(u.close());
-    QVERIFY(fileText(path).contains("c=I:1\n"));
-}
-
-void SettingsFileTextFormTest::saveOnExitWritesModifiedTree()
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath("exit.vxa");
+    void readerSurvivesArbitraryBytes()
     {
+        QRandomGenerator random(1234);
+        const char alphabet[] = "=;\n\r.:SBTFIJLMNQUVYA[](){},;0x1-e9 \"\\\xff";
+        for (int round = 0; round < 500; ++round) {
+            std::string text;
+            const int length = int(random.bounded(200));
+            for (int i = 0; i < length; ++i)
+                text.push_back(round % 2 ? char(random.bounded(256)) : alphabet[random.bounded(int(sizeof alphabet - 1))]);
+            SettingsFile t;
+            t.readVxaString(text);
+            std::string out;
+            t.writeVxaString("", out, "-"); // whatever was stored can be written again
+            SettingsFile again;
+            again.readVxaString(out);
+        }
+    }
+
+    void openReadsAndRemembersFile()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath("settings.vxa");
+        writeFile(path, "; header\nx.y=I:5\n");
         SettingsFile t;
+        t.setSetting("gone", Variant(1));
+        // Without an extension the file name gets ".vxa".
+        QVERIFY(t.open(dir.filePath("settings").toStdString()));
+        QCOMPARE(QString::fromStdString(t.getFilename()), path);
+        QCOMPARE(t.setting("x.y").toInt32(), 5);
+        QVERIFY(!t.hasSetting("gone"));
+        QVERIFY(!t.isModified());
+    }
+
+    void openOfMissingFileFails()
+    {
+        QTemporaryDir dir;
+        SettingsFile t;
+        t.setSetting("kept", Variant(1));
+        QVERIFY(!t.open(dir.filePath("missing.vxa").toStdString()));
+        QVERIFY(t.hasSetting("kept"));
+        QVERIFY(t.getFilename().empty());
+        QVERIFY(!t.readVxa(dir.filePath("missing.vxa").toStdString()));
+        QVERIFY(!t.writeVxa(dir.filePath("no/such/dir/x.vxa").toStdString()));
+        QVERIFY(!t.save()); // no file to save to
+    }
+
+    void createSaveAndClose()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath("made.vxa");
+        SettingsFile t;
+        t.setSetting("old", Variant(1));
         QVERIFY(t.create(path.toStdString()));
-        t.setAutoSaveOnExit(true);
-        t.setSetting("written.on.exit", Variant(true));
+        QVERIFY(t.empty());
+        QVERIFY(fileText(path).startsWith("; VXA file created by"));
+        t.setSetting("a.b", Variant("v"));
+        QVERIFY(t.isModified());
+        QVERIFY(t.save());
+        QVERIFY(!t.isModified());
+        QVERIFY(fileText(path).endsWith("a.b=S:v\n"));
+        t.setSetting("c", Variant(1));
+        QVERIFY(t.close()); // no auto-save: nothing written
+        QVERIFY(!fileText(path).contains("c=I:1"));
+        QVERIFY(t.getFilename().empty());
+
+        SettingsFile u;
+        QVERIFY(u.open(path.toStdString()));
+        u.setAutoSaveOnExit(true);
+        u.setSetting("c", Variant(1));
+        QVERIFY(u.close());
+        QVERIFY(fileText(path).contains("c=I:1\n"));
     }
-    QVERIFY(fileText(path).contains("written.on.exit=B:Y\n"));
+
+    void saveOnExitWritesModifiedTree()
     {
-        SettingsFile t;
-        QVERIFY(t.create(dir.filePath("quiet.vxa").toStdString()));
-        t.setSetting("not.written", Variant(true)); // auto-save is off by default
+        QTemporaryDir dir;
+        const QString path = dir.filePath("exit.vxa");
+        {
+            SettingsFile t;
+            QVERIFY(t.create(path.toStdString()));
+            t.setAutoSaveOnExit(true);
+            t.setSetting("written.on.exit", Variant(true));
+        }
+        QVERIFY(fileText(path).contains("written.on.exit=B:Y\n"));
+        {
+            SettingsFile t;
+            QVERIFY(t.create(dir.filePath("quiet.vxa").toStdString()));
+            t.setSetting("not.written", Variant(true)); // auto-save is off by default
+        }
+        QVERIFY(!fileText(dir.filePath("quiet.vxa")).contains("not.written"));
     }
-    QVERIFY(!fileText(dir.filePath("quiet.vxa")).contains("not.written"));
-}
 
-void SettingsFileTextFormTest::readVxaAndImportAddSettings()
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath("in.vxa");
-    writeFile(path, "rate=I:1\nname=S:n\n");
-    SettingsFile t;
-    t.setSetting("kept", Variant(1));
-    QVERIFY(t.readVxa(path.toStdString(), "ra", "r."));
-    QCOMPARE(t.setting("r.rate").toInt32(), 1);
-    QVERIFY(!t.hasSetting("r.name"));
-    QVERIFY(t.import(path.toStdString(), "i."));
-    QCOMPARE(t.setting("i.name").toStdString(), std::string("n"));
-    QVERIFY(t.hasSetting("kept"));
-    QVERIFY(t.getFilename().empty()); // reading a file does not bind the tree to it
+    void readVxaAndImportAddSettings()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath("in.vxa");
+        writeFile(path, "rate=I:1\nname=S:n\n");
+        SettingsFile t;
+        t.setSetting("kept", Variant(1));
+        QVERIFY(t.readVxa(path.toStdString(), "ra", "r."));
+        QCOMPARE(t.setting("r.rate").toInt32(), 1);
+        QVERIFY(!t.hasSetting("r.name"));
+        QVERIFY(t.import(path.toStdString(), "i."));
+        QCOMPARE(t.setting("i.name").toStdString(), std::string("n"));
+        QVERIFY(t.hasSetting("kept"));
+        QVERIFY(t.getFilename().empty()); // reading a file does not bind the tree to it
 
-    const QString out = dir.filePath("out");
-    QVERIFY(t.writeVxa(out.toStdString(), "", "-"));
-    QCOMPARE(fileText(out + ".vxa"), QByteArray("i.name=S:n\ni.rate=I:1\nr.rate=I:1\nkept=I:1\n"));
-}
+        const QString out = dir.filePath("out");
+        QVERIFY(t.writeVxa(out.toStdString(), "", "-"));
+        QCOMPARE(fileText(out + ".vxa"), QByteArray("i.name=S:n\ni.rate=I:1\nr.rate=I:1\nkept=I:1\n"));
+    }
+};
 
 QTEST_GUILESS_MAIN(SettingsFileTextFormTest)
 #include "settingsfiletextformtest.moc"

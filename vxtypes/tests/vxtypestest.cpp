@@ -7,7 +7,8 @@
 #include <cstring>
 #include <utility>
 
-class VxTypesTest : public QObject {
+class VxTypesTest : public QObject
+{
     Q_OBJECT
 private Q_SLOTS:
     void byteArrayViewDoesNotCopyUntilWritten()
