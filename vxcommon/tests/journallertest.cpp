@@ -7,6 +7,7 @@
 #include <QTest>
 
 #include <fcntl.h>
+#include <functional>
 #include <thread>
 #include <unistd.h>
 
@@ -16,6 +17,19 @@ QByteArray readAll(const QString& path)
 {
     QFile f(path);
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+// The file a journal at `level`, without echo to stderr, wrote while `body` ran and it closed.
+QByteArray journalOf(JournalLogLevel level, const std::function<void(Journaller&)>& body)
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("j.log"));
+    {
+        Journaller j(path.toStdString(), true, level);
+        j.setDebugLevel(JLL_DISABLE, false);
+        body(j);
+    }
+    return readAll(path);
 }
 
 // Captures what is written to file descriptor 2 while alive.
@@ -80,7 +94,7 @@ void logFromHere()
 {
     JERROR("went wrong: " << 42 << ' ' << QStringLiteral("qt") << ' ' << true);
 }
-}
+} // namespace
 
 class JournallerTest : public QObject
 {
@@ -88,15 +102,10 @@ class JournallerTest : public QObject
 private Q_SLOTS:
     void lineLayout()
     {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("j.log"));
-        {
-            Journaller j(path.toStdString(), true, JLL_TRACE);
-            j.setDebugLevel(JLL_DISABLE, false);
+        const QByteArray text = journalOf(JLL_TRACE, [](Journaller& j) {
             j.setTag("tagged ");
             j.log(JLL_DEBUG, "hello world");
-        }
-        const QByteArray text = readAll(path);
+        });
         const QRegularExpression layout(QStringLiteral("^( {0,9}\\d{1,10})\\.(\\d{3}) <([0-9A-F]{8})> tagged \\[DEBUG\\] hello world\\n$"));
         const auto m = layout.match(QString::fromUtf8(text));
         QVERIFY2(m.hasMatch(), text.constData());
@@ -126,32 +135,24 @@ private Q_SLOTS:
         QFETCH(int, debugLevel);
         QFETCH(int, level);
         QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("j.log"));
         StderrCapture capture(dir.filePath(QStringLiteral("stderr.txt")));
-        {
-            Journaller j(path.toStdString(), true, JLL_TRACE);
+        const QByteArray text = journalOf(JLL_TRACE, [&](Journaller& j) {
             j.setLogLevel(JournalLogLevel(logLevel), false);
             j.setDebugLevel(JournalLogLevel(debugLevel), false);
             j.log(JournalLogLevel(level), "probe");
-        }
-        const QByteArray err = capture.finish();
-        QTEST(readAll(path).contains("probe"), "toFile");
-        QTEST(err.contains("probe"), "toStderr");
+        });
+        QTEST(capture.finish().contains("probe"), "toStderr");
+        QTEST(text.contains("probe"), "toFile");
     }
 
     void pendingPieceJoinsTheNextLine()
     {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("j.log"));
-        {
-            Journaller j(path.toStdString(), true, JLL_DEBUG);
-            j.setDebugLevel(JLL_DISABLE, false);
+        const QList<QByteArray> lines = journalOf(JLL_DEBUG, [](Journaller& j) {
             j.setTag("t ");
             j.writeMessage("pending ");
             j.log(JLL_ERROR, "joined");
             j.log(JLL_ERROR, "alone");
-        }
-        const QList<QByteArray> lines = readAll(path).split('\n');
+        }).split('\n');
         QCOMPARE(lines.size(), 3);
         QVERIFY(lines[0].startsWith("pending "));
         QVERIFY(lines[0].endsWith("t [ERROR] joined"));
@@ -161,20 +162,11 @@ private Q_SLOTS:
 
     void messageEndingInLineBreakCompletesLineEarly()
     {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("j.log"));
-        {
-            Journaller j(path.toStdString(), true, JLL_DEBUG);
-            j.setDebugLevel(JLL_DISABLE, false);
+        const QList<QByteArray> lines = bodies(journalOf(JLL_DEBUG, [](Journaller& j) {
             j.log(JLL_ERROR, "first\n");
             j.log(JLL_ERROR, "second");
-        }
-        const QByteArray text = readAll(path);
-        const QList<QByteArray> lines = text.split('\n');
-        QCOMPARE(lines.size(), 4); // "...first", "", "...second", ""
-        QVERIFY(lines[0].endsWith("[ERROR] first"));
-        QVERIFY(lines[1].isEmpty());
-        QVERIFY(lines[2].endsWith("[ERROR] second"));
+        }));
+        QCOMPARE(lines, (QList<QByteArray> {"[ERROR] first", "", "[ERROR] second"}));
     }
 
     void flushLevelPutsLinesOnDiskAtOnce()
@@ -196,38 +188,28 @@ private Q_SLOTS:
     void existingFileIsContinuedUnlessPurged()
     {
         QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("j.log"));
-        {
-            Journaller j(path.toStdString(), true, JLL_WRITE);
-            j.log(JLL_WRITE, "one");
-        }
-        {
-            Journaller j(path.toStdString(), false, JLL_WRITE);
-            j.log(JLL_WRITE, "two");
-        }
-        QVERIFY(readAll(path).contains("one") && readAll(path).contains("two"));
-        {
-            Journaller j(path.toStdString(), true, JLL_WRITE);
-            j.log(JLL_WRITE, "three");
-        }
-        QVERIFY(!readAll(path).contains("one"));
+        const std::string path = dir.filePath(QStringLiteral("j.log")).toStdString();
+        for (const auto& [purge, message] : {std::pair {true, "one"}, {false, "two"}})
+            Journaller(path, purge, JLL_WRITE).log(JLL_WRITE, message);
+        QVERIFY(readAll(QString::fromStdString(path)).contains("one") && readAll(QString::fromStdString(path)).contains("two"));
+        Journaller(path, true, JLL_WRITE).log(JLL_WRITE, "three");
+        QVERIFY(!readAll(QString::fromStdString(path)).contains("one"));
     }
 
-    void levelNotices()
+    void levelNoticesAndCallstackBanners()
     {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("j.log"));
-        {
-            Journaller j(path.toStdString(), true, JLL_DEBUG);
+        const QList<QByteArray> b = bodies(journalOf(JLL_DEBUG, [](Journaller& j) {
             j.setDebugLevel(JLL_DISABLE);
             j.setLogLevel(JLL_ERROR);
             j.setFlushLevel(JLL_FATAL);
-        }
-        const QList<QByteArray> b = bodies(readAll(path));
-        QCOMPARE(b.size(), 3);
+            j.writeCallstack(JLL_ERROR);
+        }));
+        QVERIFY(b.size() >= 6);
         QVERIFY(b[0].startsWith("[WRITE] setDebugLevel Debugger output log level set to"));
         QCOMPARE(b[1], QByteArray("[WRITE] setLogLevel Log level set to [ERROR] "));
         QCOMPARE(b[2], QByteArray("[WRITE] setFlushLevel Flush level switched to [FATAL] "));
+        QCOMPARE(b[3], QByteArray("[ERROR] ************ Dump Begin ************"));
+        QCOMPARE(b.last(), QByteArray("[ERROR] ************* Dump End *************"));
     }
 
     void moveLogFile()
@@ -256,9 +238,8 @@ private Q_SLOTS:
     void moveLogsSharesTheOtherFile()
     {
         QTemporaryDir dir;
-        const QString a = dir.filePath(QStringLiteral("a.log"));
         const QString b = dir.filePath(QStringLiteral("b.log"));
-        Journaller ja(a.toStdString(), true, JLL_DEBUG);
+        Journaller ja(dir.filePath(QStringLiteral("a.log")).toStdString(), true, JLL_DEBUG);
         Journaller jb(b.toStdString(), true, JLL_DEBUG);
         ja.setDebugLevel(JLL_DISABLE, false);
         jb.setDebugLevel(JLL_DISABLE, false);
@@ -271,37 +252,18 @@ private Q_SLOTS:
         QVERIFY(readAll(b).contains("from b"));
     }
 
-    void callstackBanners()
-    {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("j.log"));
-        {
-            Journaller j(path.toStdString(), true, JLL_DEBUG);
-            j.setDebugLevel(JLL_DISABLE, false);
-            j.writeCallstack(JLL_ERROR);
-        }
-        const QList<QByteArray> b = bodies(readAll(path));
-        QVERIFY(b.size() >= 3);
-        QCOMPARE(b.first(), QByteArray("[ERROR] ************ Dump Begin ************"));
-        QCOMPARE(b.last(), QByteArray("[ERROR] ************* Dump End *************"));
-    }
-
     void callSiteMacroPrefixesFunctionAndFeedsAdditionalLogger()
     {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("j.log"));
         RecordingLogger extra;
-        {
-            Journaller j(path.toStdString(), true, JLL_DEBUG);
-            j.setDebugLevel(JLL_DISABLE, false);
+        const QByteArray text = journalOf(JLL_DEBUG, [&](Journaller& j) {
             gJournal = &j;
             Journaller::setAdditionalLogger(&extra);
             logFromHere();
             JDEBUG("not for the extra logger");
             Journaller::setAdditionalLogger(nullptr);
             gJournal = nullptr;
-        }
-        QVERIFY(readAll(path).contains("[ERROR] logFromHere went wrong: 42 qt true\n"));
+        });
+        QVERIFY(text.contains("[ERROR] logFromHere went wrong: 42 qt true\n"));
         QCOMPARE(extra.entries, QStringList {QStringLiteral("3|logFromHere|logFromHere went wrong: 42 qt true")});
         QVERIFY(extra.lastLine > 0);
         // Without a journal the macro does nothing and does not crash.
@@ -331,13 +293,9 @@ private Q_SLOTS:
 
     void concurrentThreadsKeepLinesIntact()
     {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("j.log"));
         const int perThread = 100000;
-        {
-            Journaller j(path.toStdString(), true, JLL_DEBUG);
-            j.setDebugLevel(JLL_DISABLE, false);
-            auto writer = [&j, perThread](char name) {
+        const QList<QByteArray> lines = journalOf(JLL_DEBUG, [](Journaller& j) {
+            auto writer = [&j](char name) {
                 for (int i = 0; i < perThread; ++i)
                     j.log(JLL_DEBUG, std::string(1, name) + " message number " + std::to_string(i) + " end");
             };
@@ -345,9 +303,7 @@ private Q_SLOTS:
             std::thread t2(writer, 'B');
             t1.join();
             t2.join();
-        }
-        const QByteArray text = readAll(path);
-        const QList<QByteArray> lines = text.split('\n');
+        }).split('\n');
         QCOMPARE(lines.size(), 2 * perThread + 1);
         const QRegularExpression shape(QStringLiteral("^ *\\d+\\.\\d{3} <[0-9A-F]{8}> \\[DEBUG\\] ([AB]) message number (\\d+) end$"));
         int next[2] = {0, 0};
