@@ -198,29 +198,6 @@ private Q_SLOTS:
         QCOMPARE(sortedLabels(t.subTrees(true)), QStringList {"full"});
     }
 
-    void clearByPrefix_data()
-    {
-        QTest::addColumn<QString>("label");
-        QTest::addColumn<int>("removed");
-        QTest::addColumn<QStringList>("left");
-        QTest::newRow("prefix removes settings and subtree contents") << "rate" << 2 << QStringList {"a.b.count", "a.b.rate", "a.name", "abc.x", "z"};
-        QTest::newRow("prefix matches subtree labels") << "a" << 4 << QStringList {"rate", "rateMax", "z"};
-        QTest::newRow("dotted clears only inside the named subtree") << "a.b" << 2 << QStringList {"a.name", "abc.x", "rate", "rateMax", "z"};
-        QTest::newRow("dotted prefix inside") << "A.B.R" << 1 << QStringList {"a.b.count", "a.name", "abc.x", "rate", "rateMax", "z"};
-        QTest::newRow("nothing matches") << "q" << 0 << QStringList {"a.b.count", "a.b.rate", "a.name", "abc.x", "rate", "rateMax", "z"};
-    }
-
-    void clearByPrefix()
-    {
-        QFETCH(QString, label);
-        QFETCH(int, removed);
-        SettingsFile t = sample();
-        t.setDirty(false);
-        QCOMPARE(int(t.clear(label.toStdString())), removed);
-        QTEST(names(t), "left");
-        QCOMPARE(t.isModified(), removed > 0);
-    }
-
     void clearAllKeepsEmptySubTrees()
     {
         SettingsFile t = sample();
@@ -228,17 +205,6 @@ private Q_SLOTS:
         QVERIFY(t.empty());
         QCOMPARE(sortedLabels(t.subTrees(false)), (QStringList {"a", "abc"}));
         QVERIFY(t.subTrees(true).empty());
-    }
-
-    void eraseRemovesOneLabel()
-    {
-        SettingsFile t = sample();
-        QCOMPARE(t.erase("rate"), size_t(1));
-        QVERIFY(t.hasSetting("rateMax"));
-        QCOMPARE(t.erase("a.b"), size_t(2));
-        QVERIFY(!t.hasSubTree("a.b"));
-        QVERIFY(t.hasSetting("a.name"));
-        QCOMPARE(t.erase("no.such"), size_t(0));
     }
 
     void removeEmptySubTreesKeepsFilledOnes()
@@ -308,6 +274,15 @@ private Q_SLOTS:
         QTest::addColumn<int>("affected");
         QTest::addColumn<QString>("argument");
         QTest::addColumn<QStringList>("result");
+        QTest::newRow("clear prefix removes settings and subtree contents")
+            << "clear" << 2 << "rate" << QStringList {"a.b.count", "a.b.rate", "a.name", "abc.x", "z"};
+        QTest::newRow("clear prefix matches subtree labels") << "clear" << 4 << "a" << QStringList {"rate", "rateMax", "z"};
+        QTest::newRow("clear dotted only inside the named subtree") << "clear" << 2 << "a.b" << QStringList {"a.name", "abc.x", "rate", "rateMax", "z"};
+        QTest::newRow("clear dotted prefix inside") << "clear" << 1 << "A.B.R" << QStringList {"a.b.count", "a.name", "abc.x", "rate", "rateMax", "z"};
+        QTest::newRow("clear nothing matches") << "clear" << 0 << "q" << names(sample());
+        QTest::newRow("erase one setting") << "erase" << 1 << "rate" << QStringList {"a.b.count", "a.b.rate", "a.name", "abc.x", "rateMax", "z"};
+        QTest::newRow("erase a subtree") << "erase" << 2 << "a.b" << QStringList {"a.name", "abc.x", "rate", "rateMax", "z"};
+        QTest::newRow("erase nothing") << "erase" << 0 << "no.such" << names(sample());
         QTest::newRow("copyTo") << "copyTo" << 3 << "A." << QStringList {"a.b.count", "a.b.rate", "a.name"};
         QTest::newRow("copyTo all") << "copyTo" << 7 << "" << names(sample());
         QTest::newRow("copyToExcept") << "copyToExcept" << 3 << "a" << QStringList {"rate", "rateMax", "z"};
@@ -321,16 +296,22 @@ private Q_SLOTS:
         QFETCH(QString, operation);
         QFETCH(QString, argument);
         SettingsFile t = sample();
+        t.setDirty(false);
         SettingsFile target;
         const std::string a = argument.toStdString();
-        const size_t n = operation == "copyTo" ? t.copyTo(target, a)
-            : operation == "copyToExcept"      ? t.copyToExcept(target, a)
-            : operation == "copyToPostfix"     ? t.copyToPostfix(target, a)
-            : operation == "clearPostfix"      ? t.clearPostfix(a)
-            : operation == "clearExcept"       ? t.clearExcept(a)
-                                               : t.clearExceptPostfix(a);
+        const size_t n = operation == "clear" ? t.clear(a)
+            : operation == "erase"            ? t.erase(a)
+            : operation == "copyTo"           ? t.copyTo(target, a)
+            : operation == "copyToExcept"     ? t.copyToExcept(target, a)
+            : operation == "copyToPostfix"    ? t.copyToPostfix(target, a)
+            : operation == "clearPostfix"     ? t.clearPostfix(a)
+            : operation == "clearExcept"      ? t.clearExcept(a)
+                                              : t.clearExceptPostfix(a);
         QTEST(int(n), "affected");
-        QTEST(names(operation.startsWith("copy") ? target : t), "result");
+        const bool copies = operation.startsWith("copy");
+        QTEST(names(copies ? target : t), "result");
+        QCOMPARE(t.isModified(), !copies && n > 0);
+        QVERIFY(operation != "erase" || !t.hasSubTree(a)); // an erased subtree goes, not just its content
     }
 
     void replacePrefixRenames()
