@@ -5,7 +5,6 @@
 #include "autoupdate.h"
 #include "autoupdatetesthost.h"
 
-#include <QApplication>
 #include <QCheckBox>
 #include <QDesktopServices>
 #include <QLabel>

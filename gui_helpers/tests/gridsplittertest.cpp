@@ -59,9 +59,14 @@ struct Fixture {
     Qt::CursorShape cursor() const { return splitter->cursor().shape(); }
 };
 
-QMouseEvent moveEventAt(QPoint p)
+/** Whether a move to @p p is on a splitter bar (1 or 0), and the row and column reported. */
+QList<int> barAt(GridSplitter* splitter, QPoint p)
 {
-    return QMouseEvent(QEvent::MouseMove, QPointF(p), QPointF(p), QPointF(p), Qt::NoButton, Qt::NoButton, Qt::NoModifier);
+    int row = 7;
+    int column = 7;
+    const QMouseEvent event(QEvent::MouseMove, QPointF(p), QPointF(p), QPointF(p), Qt::NoButton, Qt::NoButton, Qt::NoModifier);
+    const bool onBar = splitter->isEventOnSplitterBar(&event, row, column);
+    return {int(onBar), row, column};
 }
 } // namespace
 
@@ -69,6 +74,13 @@ class GridSplitterTest : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
+    void init()
+    {
+        m_f = std::make_unique<Fixture>();
+        QVERIFY(QTest::qWaitForWindowExposed(&m_f->window));
+    }
+    void cleanup() { m_f.reset(); }
+
     void hitTestAndHoverCursor_data()
     {
         QTest::addColumn<QPoint>("point");
@@ -89,54 +101,45 @@ private Q_SLOTS:
         QFETCH(int, row);
         QFETCH(int, column);
         QFETCH(int, cursor);
-        Fixture f;
-        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        QCOMPARE(f.splitter->grid()->cellRect(1, 1), QRect(105, 105, 100, 100));
+        QCOMPARE(m_f->splitter->grid()->cellRect(1, 1), QRect(105, 105, 100, 100));
 
-        int hitRow = 7;
-        int hitColumn = 7;
-        const QMouseEvent event = moveEventAt(point);
-        QCOMPARE(f.splitter->isEventOnSplitterBar(&event, hitRow, hitColumn), row != -1 || column != -1);
-        QCOMPARE(hitRow, row);
-        QCOMPARE(hitColumn, column);
+        QCOMPARE(barAt(m_f->splitter, point), (QList<int> {int(row != -1 || column != -1), row, column}));
 
-        f.move(onTopLeftChild);
-        f.move(point);
-        QCOMPARE(int(f.cursor()), cursor);
+        m_f->move(onTopLeftChild);
+        m_f->move(point);
+        QCOMPARE(int(m_f->cursor()), cursor);
     }
 
     void cursorIsRestoredOnChildrenAndOnLeaving()
     {
-        Fixture f;
-        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        f.move(onTopLeftChild);
-        f.move(rowGap);
-        QCOMPARE(f.cursor(), Qt::SplitVCursor);
+        m_f->move(onTopLeftChild);
+        m_f->move(rowGap);
+        QCOMPARE(m_f->cursor(), Qt::SplitVCursor);
         // The children inherit the split cursor until the arrow is put back on entering one.
-        f.move(onBottomRightChild);
-        QCOMPARE(f.cursor(), Qt::ArrowCursor);
-        f.move(crossing);
-        QCOMPARE(f.cursor(), Qt::SizeAllCursor);
-        f.move(outside);
-        QCOMPARE(f.cursor(), Qt::ArrowCursor);
+        m_f->move(onBottomRightChild);
+        QCOMPARE(m_f->cursor(), Qt::ArrowCursor);
+        m_f->move(crossing);
+        QCOMPARE(m_f->cursor(), Qt::SizeAllCursor);
+        m_f->move(outside);
+        QCOMPARE(m_f->cursor(), Qt::ArrowCursor);
 
         // A child that moves while the split cursor shows also restores it.
-        f.move(columnGap);
-        QCOMPARE(f.cursor(), Qt::SplitHCursor);
+        m_f->move(columnGap);
+        QCOMPARE(m_f->cursor(), Qt::SplitHCursor);
         QMoveEvent moved(QPoint(1, 1), QPoint(0, 0));
-        QApplication::sendEvent(f.children[0][0], &moved);
-        QCOMPARE(f.cursor(), Qt::ArrowCursor);
+        QApplication::sendEvent(m_f->children[0][0], &moved);
+        QCOMPARE(m_f->cursor(), Qt::ArrowCursor);
 
         // A child taken out of the grid no longer does.
-        f.move(rowGap);
-        QCOMPARE(f.cursor(), Qt::SplitVCursor);
-        std::unique_ptr<QWidget> orphan(f.children[1][1]);
+        m_f->move(rowGap);
+        QCOMPARE(m_f->cursor(), Qt::SplitVCursor);
+        std::unique_ptr<QWidget> orphan(m_f->children[1][1]);
         orphan->setParent(nullptr);
         QEvent enter(QEvent::Enter);
         QApplication::sendEvent(orphan.get(), &enter);
-        QCOMPARE(f.cursor(), Qt::SplitVCursor);
-        QApplication::sendEvent(f.children[0][1], &enter);
-        QCOMPARE(f.cursor(), Qt::ArrowCursor);
+        QCOMPARE(m_f->cursor(), Qt::SplitVCursor);
+        QApplication::sendEvent(m_f->children[0][1], &enter);
+        QCOMPARE(m_f->cursor(), Qt::ArrowCursor);
     }
 
     // Dragging a gap, or the crossing, to a point; each pair of stretches keeps its sum of
@@ -165,78 +168,68 @@ private Q_SLOTS:
         QFETCH(QPoint, to);
         QFETCH(QList<int>, rows);
         QFETCH(QList<int>, columns);
-        Fixture f;
-        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        f.press(start);
-        f.move(start + QPoint(1, 1)); // the drag goes on over several moves
-        f.move(to);
-        QCOMPARE((QList<int> {f.rowStretch(0), f.rowStretch(1)}), rows);
-        QCOMPARE((QList<int> {f.columnStretch(0), f.columnStretch(1)}), columns);
-        f.release(to);
+        m_f->press(start);
+        m_f->move(start + QPoint(1, 1)); // the drag goes on over several moves
+        m_f->move(to);
+        QCOMPARE((QList<int> {m_f->rowStretch(0), m_f->rowStretch(1)}), rows);
+        QCOMPARE((QList<int> {m_f->columnStretch(0), m_f->columnStretch(1)}), columns);
+        m_f->release(to);
 
         // The layout follows the stretches: the gaps end up near where they were dropped.
         const auto end = [](int stretch) {
             return qBound(0, 200 * stretch / 20000, 199) - 1;
         };
-        QTRY_VERIFY(qAbs(f.splitter->grid()->cellRect(0, 0).bottom() - end(rows.first())) <= 2);
-        QTRY_VERIFY(qAbs(f.splitter->grid()->cellRect(0, 0).right() - end(columns.first())) <= 2);
+        QTRY_VERIFY(qAbs(m_f->splitter->grid()->cellRect(0, 0).bottom() - end(rows.first())) <= 2);
+        QTRY_VERIFY(qAbs(m_f->splitter->grid()->cellRect(0, 0).right() - end(columns.first())) <= 2);
 
         // Released: moving no longer drags.
-        f.move(onBottomRightChild);
-        f.move(QPoint(30, 30));
-        QCOMPARE(f.rowStretch(0), rows.first());
-        QCOMPARE(f.columnStretch(0), columns.first());
+        m_f->move(onBottomRightChild);
+        m_f->move(QPoint(30, 30));
+        QCOMPARE(m_f->rowStretch(0), rows.first());
+        QCOMPARE(m_f->columnStretch(0), columns.first());
     }
 
     void pressOnChildClearsDrag()
     {
-        Fixture f;
-        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        f.press(rowGap);
+        m_f->press(rowGap);
         // A second button pressed over a child, the first still held. The window system
         // first moves the mouse there (a drag step, against the old layout), then presses.
-        f.press(onBottomRightChild, Qt::RightButton);
-        const int upper = f.rowStretch(0);
+        m_f->press(onBottomRightChild, Qt::RightButton);
+        const int upper = m_f->rowStretch(0);
         QCOMPARE(upper, 150 * 20000 / 204);
-        f.move(QPoint(rowGap.x(), 20));
-        QCOMPARE(f.rowStretch(0), upper);
-        f.release(QPoint(rowGap.x(), 20), Qt::RightButton);
-        f.release(QPoint(rowGap.x(), 20));
+        m_f->move(QPoint(rowGap.x(), 20));
+        QCOMPARE(m_f->rowStretch(0), upper);
+        m_f->release(QPoint(rowGap.x(), 20), Qt::RightButton);
+        m_f->release(QPoint(rowGap.x(), 20));
     }
 
     void releaseAnywhereEndsDrag()
     {
-        Fixture f;
-        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        f.press(columnGap);
+        m_f->press(columnGap);
         // Releasing outside drags there first, like a real mouse, then ends the drag.
-        f.release(outside);
-        QCOMPARE(f.columnStretch(0), 1);
-        f.move(QPoint(30, 30));
-        f.move(QPoint(180, 30));
-        QCOMPARE(f.columnStretch(0), 1);
-        QCOMPARE(f.columnStretch(1), 19999);
+        m_f->release(outside);
+        QCOMPARE(m_f->columnStretch(0), 1);
+        m_f->move(QPoint(30, 30));
+        m_f->move(QPoint(180, 30));
+        QCOMPARE(m_f->columnStretch(0), 1);
+        QCOMPARE(m_f->columnStretch(1), 19999);
     }
 
     void pairWithoutStretchStartsFromDefaults()
     {
-        Fixture f;
-        f.splitter->grid()->setRowStretch(0, 0);
-        f.splitter->grid()->setRowStretch(1, 0);
-        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        f.press(rowGap);
-        f.move(QPoint(rowGap.x(), rowGap.y() + 1));
-        QVERIFY(f.rowStretch(0) >= 1);
-        QVERIFY(f.rowStretch(1) >= 1);
-        QCOMPARE(f.rowStretch(0) + f.rowStretch(1), 20000);
-        f.release(rowGap);
+        m_f->splitter->grid()->setRowStretch(0, 0);
+        m_f->splitter->grid()->setRowStretch(1, 0);
+        m_f->press(rowGap);
+        m_f->move(QPoint(rowGap.x(), rowGap.y() + 1));
+        QVERIFY(m_f->rowStretch(0) >= 1);
+        QVERIFY(m_f->rowStretch(1) >= 1);
+        QCOMPARE(m_f->rowStretch(0) + m_f->rowStretch(1), 20000);
+        m_f->release(rowGap);
     }
 
     void resetGridRestoresDefaults()
     {
-        Fixture f;
-        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        QGridLayout* grid = f.splitter->grid();
+        QGridLayout* grid = m_f->splitter->grid();
         const auto scramble = [grid] {
             grid->setRowStretch(0, 3);
             grid->setRowStretch(1, 19997);
@@ -244,51 +237,42 @@ private Q_SLOTS:
             grid->setColumnStretch(1, 19995);
         };
         scramble();
-        f.splitter->resetGrid(1, 0);
-        QCOMPARE(f.rowStretch(0), 3);
-        QCOMPARE(f.rowStretch(1), 10000);
-        QCOMPARE(f.columnStretch(0), 10000);
-        QCOMPARE(f.columnStretch(1), 19995);
+        m_f->splitter->resetGrid(1, 0);
+        QCOMPARE(m_f->rowStretch(0), 3);
+        QCOMPARE(m_f->rowStretch(1), 10000);
+        QCOMPARE(m_f->columnStretch(0), 10000);
+        QCOMPARE(m_f->columnStretch(1), 19995);
         scramble();
-        f.splitter->resetGrid(-1, -1);
+        m_f->splitter->resetGrid(-1, -1);
         for (int i = 0; i < 2; ++i) {
-            QCOMPARE(f.rowStretch(i), 10000);
-            QCOMPARE(f.columnStretch(i), 10000);
+            QCOMPARE(m_f->rowStretch(i), 10000);
+            QCOMPARE(m_f->columnStretch(i), 10000);
         }
     }
 
     void removeAllChildrenKeepsWidgets()
     {
-        Fixture f;
-        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        f.splitter->grid()->addWidget(new QWidget, 2, 0, 1, 2); // a span
-        f.splitter->grid()->addItem(new QSpacerItem(1, 1), 3, 1);
-        f.splitter->removeAllChildren();
-        QCOMPARE(f.splitter->grid()->count(), 0);
-        QCOMPARE(f.children[1][1]->parentWidget(), f.splitter);
+        m_f->splitter->grid()->addWidget(new QWidget, 2, 0, 1, 2); // a span
+        m_f->splitter->grid()->addItem(new QSpacerItem(1, 1), 3, 1);
+        m_f->splitter->removeAllChildren();
+        QCOMPARE(m_f->splitter->grid()->count(), 0);
+        QCOMPARE(m_f->children[1][1]->parentWidget(), m_f->splitter);
 
-        int row = 7;
-        int column = 7;
-        const QMouseEvent event = moveEventAt(rowGap);
-        QVERIFY(!f.splitter->isEventOnSplitterBar(&event, row, column));
-        QCOMPARE(row, -1);
-        QCOMPARE(column, -1);
-        f.press(rowGap);
-        f.move(QPoint(rowGap.x(), 20));
-        f.release(QPoint(rowGap.x(), 20));
-        QCOMPARE(f.rowStretch(0), 10000);
+        QCOMPARE(barAt(m_f->splitter, rowGap), (QList<int> {0, -1, -1}));
+        m_f->press(rowGap);
+        m_f->move(QPoint(rowGap.x(), 20));
+        m_f->release(QPoint(rowGap.x(), 20));
+        QCOMPARE(m_f->rowStretch(0), 10000);
 
         // The widgets can be laid out again.
-        f.splitter->grid()->addWidget(f.children[0][0], 0, 0);
-        f.splitter->grid()->addWidget(f.children[1][0], 1, 0);
-        QCOMPARE(f.splitter->grid()->count(), 2);
+        m_f->splitter->grid()->addWidget(m_f->children[0][0], 0, 0);
+        m_f->splitter->grid()->addWidget(m_f->children[1][0], 1, 0);
+        QCOMPARE(m_f->splitter->grid()->count(), 2);
     }
 
     void paintsOnlyInnerGapLines()
     {
-        Fixture f;
-        QVERIFY(QTest::qWaitForWindowExposed(&f.window));
-        const QImage image = f.splitter->grab().toImage();
+        const QImage image = m_f->splitter->grab().toImage();
         const QString snapshotDir = qEnvironmentVariable("GUI_HELPERS_SNAPSHOT_DIR");
         if (!snapshotDir.isEmpty())
             image.save(snapshotDir + QStringLiteral("/gridsplitter.png"));
@@ -304,8 +288,11 @@ private Q_SLOTS:
         for (const QPoint p : {QPoint(50, 101), QPoint(101, 50), QPoint(150, 100)})
             QVERIFY2(image.pixel(p) == window, qPrintable(QStringLiteral("%1,%2").arg(p.x()).arg(p.y())));
         // Children paint themselves.
-        QCOMPARE(image.pixel(50, 50), f.children[0][0]->palette().color(QPalette::Window).rgb());
+        QCOMPARE(image.pixel(50, 50), m_f->children[0][0]->palette().color(QPalette::Window).rgb());
     }
+
+private:
+    std::unique_ptr<Fixture> m_f;
 };
 
 QTEST_MAIN(GridSplitterTest)

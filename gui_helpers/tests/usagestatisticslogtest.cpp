@@ -15,7 +15,6 @@
 #include <QPointer>
 #include <QRegularExpression>
 #include <QSettings>
-#include <QStandardPaths>
 #include <QSysInfo>
 #include <QTemporaryDir>
 #include <QTest>
