@@ -41,6 +41,7 @@ void lineRule(const char* tag, const char* text, const char* expected, const cha
 class SettingsFileTextFormTest : public QObject
 {
     Q_OBJECT
+    QTemporaryDir dir; // each test uses its own file names
 
 private Q_SLOTS:
     void headerNamesCreator_data()
@@ -196,7 +197,6 @@ private Q_SLOTS:
 
     void openReadsAndRemembersFile()
     {
-        QTemporaryDir dir;
         const QString path = dir.filePath("settings.vxa");
         writeFile(path, "; header\nx.y=I:5\n");
         SettingsFile t;
@@ -211,7 +211,6 @@ private Q_SLOTS:
 
     void openOfMissingFileFails()
     {
-        QTemporaryDir dir;
         SettingsFile t;
         t.setSetting("kept", Variant(1));
         QVERIFY(!t.open(dir.filePath("missing.vxa").toStdString()));
@@ -224,7 +223,6 @@ private Q_SLOTS:
 
     void createSaveAndClose()
     {
-        QTemporaryDir dir;
         const QString path = dir.filePath("made.vxa");
         SettingsFile t;
         t.setSetting("old", Variant(1));
@@ -251,7 +249,6 @@ private Q_SLOTS:
 
     void saveOnExitWritesModifiedTree()
     {
-        QTemporaryDir dir;
         const QString path = dir.filePath("exit.vxa");
         {
             SettingsFile t;
@@ -270,7 +267,6 @@ private Q_SLOTS:
 
     void readVxaAndImportAddSettings()
     {
-        QTemporaryDir dir;
         const QString path = dir.filePath("in.vxa");
         writeFile(path, "rate=I:1\nname=S:n\n");
         SettingsFile t;

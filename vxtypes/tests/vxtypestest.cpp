@@ -126,12 +126,9 @@ private Q_SLOTS:
 
     void exceptionCarriesResultAndText()
     {
-        try {
-            throw VxException(VXRV_NOTFOUND, "Setting a.b not found");
-        } catch (const std::exception& e) {
-            QCOMPARE(QByteArray(e.what()), QByteArray("Setting a.b not found"));
-            QCOMPARE(dynamic_cast<const VxException&>(e).resultValue(), VXRV_NOTFOUND);
-        }
+        const VxException e(VXRV_NOTFOUND, "Setting a.b not found");
+        QCOMPARE(QByteArray(static_cast<const std::exception&>(e).what()), QByteArray("Setting a.b not found"));
+        QCOMPARE(e.resultValue(), VXRV_NOTFOUND);
         QCOMPARE(int(VXRV_INSUFFICIENTDATA), 41);
         QCOMPARE(int(VXRV_NOTFOUND), 262);
         QCOMPARE(int(VXRV_DATAOVERFLOW), 278);
