@@ -12,7 +12,8 @@
 #include <functional>
 #include <string>
 
-namespace bench {
+namespace bench
+{
 
 /** Size divisor from the environment (BENCH_SCALE=10 runs a tenth of the work). */
 inline double scale()
@@ -46,7 +47,13 @@ inline double bestOf(int repeats, const std::function<void()>& fn, const std::fu
  * One row of the table. @p higherIsBetter says how to read the ratio, which is always
  * printed as "ours relative to the peer" with values above 1 meaning we do better.
  */
-inline void row(const std::string& figure, double ours, const std::string& peerName, double peer, const std::string& unit, bool higherIsBetter, const std::string& target = "")
+inline void row(const std::string& figure,
+    double ours,
+    const std::string& peerName,
+    double peer,
+    const std::string& unit,
+    bool higherIsBetter,
+    const std::string& target = "")
 {
     const double ratio = higherIsBetter ? (peer > 0 ? ours / peer : 0) : (ours > 0 ? peer / ours : 0);
     std::printf("ROW|%s|%.4g|%s|%.4g|%s|%.2f|%s\n", figure.c_str(), ours, peerName.c_str(), peer, unit.c_str(), ratio, target.c_str());

@@ -14,7 +14,8 @@
 #include <thread>
 #include <vector>
 
-namespace {
+namespace
+{
 void runThreads(int threads, size_t lines, const std::function<void(size_t)>& logLine)
 {
     std::vector<std::thread> pool;
@@ -42,7 +43,9 @@ int main()
         const double ours = bench::bestOf(3, [&] {
             Journaller j(journalPath, true, JLL_DEBUG);
             j.setDebugLevel(JLL_DISABLE, false);
-            runThreads(threads, lines, [&](size_t) { j.log(JLL_DEBUG, message); });
+            runThreads(threads, lines, [&](size_t) {
+                j.log(JLL_DEBUG, message);
+            });
             j.flush();
         });
 
@@ -50,13 +53,20 @@ int main()
             auto logger = spdlog::basic_logger_mt("bench", spdPath, true);
             logger->set_pattern("%10E.%e <%t> [%l] %v");
             logger->set_level(spdlog::level::debug);
-            runThreads(threads, lines, [&](size_t) { logger->debug(message); });
+            runThreads(threads, lines, [&](size_t) {
+                logger->debug(message);
+            });
             logger->flush();
             spdlog::drop("bench");
         });
 
         bench::row("journal, " + std::to_string(lines) + " lines, " + std::to_string(threads) + " thread" + (threads > 1 ? "s" : ""),
-                   lines / ours, "spdlog basic_logger_mt", lines / peer, "lines/s", true, ">= 1.0");
+            lines / ours,
+            "spdlog basic_logger_mt",
+            lines / peer,
+            "lines/s",
+            true,
+            ">= 1.0");
     }
     return 0;
 }

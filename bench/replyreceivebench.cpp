@@ -12,14 +12,18 @@
 
 #include <QCoreApplication>
 
-namespace {
+namespace
+{
 
-class FedComm : public UpdateServerComm {
+class FedComm : public UpdateServerComm
+{
 public:
     FedComm()
         : UpdateServerComm(nullptr, UpdateServerOptions {QStringLiteral("127.0.0.1"), 1})
     {
-        connect(this, &UpdateServerComm::currentDownloadProgressChanged, this, [this] { ++decided; });
+        connect(this, &UpdateServerComm::currentDownloadProgressChanged, this, [this] {
+            ++decided;
+        });
     }
     void feed(const QByteArray& bytes) { receiveBytes(bytes); }
     size_t decided = 0;

@@ -17,7 +17,8 @@
 
 #include <vector>
 
-namespace {
+namespace
+{
 
 struct Item {
     std::string group[3];
@@ -71,17 +72,29 @@ veltrax::SettingsFile makeTree(const std::vector<Item>& items)
     for (const Item& it : items) {
         const std::string label = it.group[0] + '.' + it.group[1] + '.' + it.group[2] + '.' + it.name;
         switch (it.kind) {
-        case 0: tree.setSetting(label, veltrax::Variant(static_cast<int>(it.index))); break;
-        case 1: tree.setSetting(label, veltrax::Variant(it.index * 0.25 + 0.1)); break;
-        case 2: tree.setSetting(label, veltrax::Variant("value " + std::to_string(it.index))); break;
-        case 3: tree.setSetting(label, veltrax::Variant(it.index % 2 == 0)); break;
-        case 4: tree.setSetting(label, veltrax::Variant(static_cast<long long>(it.index) << 20)); break;
+        case 0:
+            tree.setSetting(label, veltrax::Variant(static_cast<int>(it.index)));
+            break;
+        case 1:
+            tree.setSetting(label, veltrax::Variant(it.index * 0.25 + 0.1));
+            break;
+        case 2:
+            tree.setSetting(label, veltrax::Variant("value " + std::to_string(it.index)));
+            break;
+        case 3:
+            tree.setSetting(label, veltrax::Variant(it.index % 2 == 0));
+            break;
+        case 4:
+            tree.setSetting(label, veltrax::Variant(static_cast<long long>(it.index) << 20));
+            break;
         case 5: {
             const std::string b = binaryBytes(it.index);
             tree.setSetting(label, veltrax::Variant(veltrax::BinaryObject(b.data(), static_cast<uint32_t>(b.size()))));
             break;
         }
-        default: tree.setSetting(label, veltrax::Variant(VxVector{1.0, 2.0, double(it.index)})); break;
+        default:
+            tree.setSetting(label, veltrax::Variant(VxVector {1.0, 2.0, double(it.index)}));
+            break;
         }
     }
     return tree;
@@ -93,13 +106,27 @@ nlohmann::json makeJson(const std::vector<Item>& items)
     for (const Item& it : items) {
         nlohmann::json& leaf = root[it.group[0]][it.group[1]][it.group[2]];
         switch (it.kind) {
-        case 0: leaf[it.name] = static_cast<int>(it.index); break;
-        case 1: leaf[it.name] = it.index * 0.25 + 0.1; break;
-        case 2: leaf[it.name] = "value " + std::to_string(it.index); break;
-        case 3: leaf[it.name] = it.index % 2 == 0; break;
-        case 4: leaf[it.name] = static_cast<long long>(it.index) << 20; break;
-        case 5: leaf[it.name] = hex(binaryBytes(it.index)); break;
-        default: leaf[it.name] = {1.0, 2.0, double(it.index)}; break;
+        case 0:
+            leaf[it.name] = static_cast<int>(it.index);
+            break;
+        case 1:
+            leaf[it.name] = it.index * 0.25 + 0.1;
+            break;
+        case 2:
+            leaf[it.name] = "value " + std::to_string(it.index);
+            break;
+        case 3:
+            leaf[it.name] = it.index % 2 == 0;
+            break;
+        case 4:
+            leaf[it.name] = static_cast<long long>(it.index) << 20;
+            break;
+        case 5:
+            leaf[it.name] = hex(binaryBytes(it.index));
+            break;
+        default:
+            leaf[it.name] = {1.0, 2.0, double(it.index)};
+            break;
         }
     }
     return root;
@@ -114,13 +141,27 @@ QVariantMap makeVariantMap(const std::vector<Item>& items)
         QVariantMap& leaf = leaves[it.group[0] + '.' + it.group[1] + '.' + it.group[2]];
         const QString name = QString::fromStdString(it.name);
         switch (it.kind) {
-        case 0: leaf.insert(name, static_cast<int>(it.index)); break;
-        case 1: leaf.insert(name, it.index * 0.25 + 0.1); break;
-        case 2: leaf.insert(name, QString::fromStdString("value " + std::to_string(it.index))); break;
-        case 3: leaf.insert(name, it.index % 2 == 0); break;
-        case 4: leaf.insert(name, static_cast<qlonglong>(it.index) << 20); break;
-        case 5: leaf.insert(name, QByteArray::fromStdString(binaryBytes(it.index))); break;
-        default: leaf.insert(name, QVariant::fromValue(QVariantList{1.0, 2.0, double(it.index)})); break;
+        case 0:
+            leaf.insert(name, static_cast<int>(it.index));
+            break;
+        case 1:
+            leaf.insert(name, it.index * 0.25 + 0.1);
+            break;
+        case 2:
+            leaf.insert(name, QString::fromStdString("value " + std::to_string(it.index)));
+            break;
+        case 3:
+            leaf.insert(name, it.index % 2 == 0);
+            break;
+        case 4:
+            leaf.insert(name, static_cast<qlonglong>(it.index) << 20);
+            break;
+        case 5:
+            leaf.insert(name, QByteArray::fromStdString(binaryBytes(it.index)));
+            break;
+        default:
+            leaf.insert(name, QVariant::fromValue(QVariantList {1.0, 2.0, double(it.index)}));
+            break;
         }
     }
     std::map<std::string, std::map<std::string, QVariantMap>> mid;
@@ -156,9 +197,15 @@ int main()
     const QVariantMap map = makeVariantMap(items);
 
     VxByteArray ours;
-    const double oursWrite = bench::bestOf(repeats, [&] { VxByteArray out; tree.serialize(out); ours = std::move(out); });
+    const double oursWrite = bench::bestOf(repeats, [&] {
+        VxByteArray out;
+        tree.serialize(out);
+        ours = std::move(out);
+    });
     std::string jsonText;
-    const double jsonWrite = bench::bestOf(repeats, [&] { jsonText = json.dump(); });
+    const double jsonWrite = bench::bestOf(repeats, [&] {
+        jsonText = json.dump();
+    });
     QByteArray streamBytes;
     const double streamWrite = bench::bestOf(repeats, [&] {
         QByteArray out;
@@ -168,19 +215,27 @@ int main()
     });
 
     int consumed = 0;
-    const double oursRead = bench::bestOf(repeats, [&] { veltrax::SettingsFile back; consumed = back.deserialize(ours, 0); });
+    const double oursRead = bench::bestOf(repeats, [&] {
+        veltrax::SettingsFile back;
+        consumed = back.deserialize(ours, 0);
+    });
     if (consumed != static_cast<int>(ours.size())) {
         std::fprintf(stderr, "deserialize consumed %d of %zu bytes\n", consumed, ours.size());
         return 1;
     }
-    const double jsonRead = bench::bestOf(repeats, [&] { auto back = nlohmann::json::parse(jsonText); (void)back; });
+    const double jsonRead = bench::bestOf(repeats, [&] {
+        auto back = nlohmann::json::parse(jsonText);
+        (void)back;
+    });
     const double streamRead = bench::bestOf(repeats, [&] {
         QDataStream ds(streamBytes);
         QVariantMap back;
         ds >> back;
     });
     std::vector<char> target(ours.size());
-    const double floor = bench::bestOf(repeats, [&] { std::memcpy(target.data(), ours.data(), ours.size()); });
+    const double floor = bench::bestOf(repeats, [&] {
+        std::memcpy(target.data(), ours.data(), ours.size());
+    });
 
     const std::string n = std::to_string(count) + " settings";
     const double mb = ours.size() / 1e6;

@@ -22,7 +22,8 @@
 
 #include <random>
 
-namespace {
+namespace
+{
 
 const QString sourceDir = QStringLiteral(GUI_HELPERS_SOURCE_DIR);
 
@@ -142,10 +143,23 @@ int main(int argc, char** argv)
         emptyDirectory(store);
 
         const std::string label = std::to_string(size >> 20) + " MiB, " + std::to_string(chunk >> 20) + " MiB chunks";
-        bench::row("tus upload throughput, " + label, size / mib / ours[QStringLiteral("seconds")].toDouble(), "tus-js-client", size / mib / peer[QStringLiteral("seconds")].toDouble(), "MiB/s", true, ">= 0.9");
+        bench::row("tus upload throughput, " + label,
+            size / mib / ours[QStringLiteral("seconds")].toDouble(),
+            "tus-js-client",
+            size / mib / peer[QStringLiteral("seconds")].toDouble(),
+            "MiB/s",
+            true,
+            ">= 0.9");
         const double budget = (3.0 * chunk + 50 * mib) / mib;
-        bench::row("tus upload peak RSS, " + label, ours[QStringLiteral("peakRss")].toDouble() / mib, "budget: 3 chunks + 50 MiB", budget, "MiB", false, ">= 1.0");
-        bench::row("tus upload peak RSS, " + label, ours[QStringLiteral("peakRss")].toDouble() / mib, "tus-js-client", peer[QStringLiteral("peakRss")].toDouble() / mib, "MiB", false, "");
+        bench::row(
+            "tus upload peak RSS, " + label, ours[QStringLiteral("peakRss")].toDouble() / mib, "budget: 3 chunks + 50 MiB", budget, "MiB", false, ">= 1.0");
+        bench::row("tus upload peak RSS, " + label,
+            ours[QStringLiteral("peakRss")].toDouble() / mib,
+            "tus-js-client",
+            peer[QStringLiteral("peakRss")].toDouble() / mib,
+            "MiB",
+            false,
+            "");
     }
     server.terminate();
     server.waitForFinished(5000);

@@ -8,7 +8,6 @@
 #include "gui_helpers_export.h"
 
 // Types library and support library
-#include "vxtypes.h"
 #include "journaller.h"
 #include "lists.h"
 #include "mathtypes.h"
@@ -16,16 +15,17 @@
 #include "netmanager.h"
 #include "settingsfile.h"
 #include "variant.h"
+#include "vxtypes.h"
 
 // Exported classes and functions
 #include "aboutbox.h"
 #include "abstractusagestatisticssingleton.h"
+#include "autoupdate.h"
 #include "filepathvalidator.h"
 #include "gridsplitter.h"
 #include "serialports.h"
-#include "autoupdate.h"
 #include "timeconversions.h"
+#include "tusuploader.h"
 #include "updateservercomm.h"
 #include "updateserverprotocol.h"
-#include "tusuploader.h"
 #include "updateserverresponseparser.h"

@@ -5,9 +5,9 @@ QTime createQTime(VxTimeStamp ts)
 {
     QTime time;
     time.setHMS(static_cast<int>((ts / 3600000) % 24),
-                static_cast<int>((ts / 60000) % 60),
-                static_cast<int>((ts / 1000) % 60),
-                static_cast<int>(ts - (ts / 1000) * 1000));
+        static_cast<int>((ts / 60000) % 60),
+        static_cast<int>((ts / 1000) % 60),
+        static_cast<int>(ts - (ts / 1000) * 1000));
     return time;
 }
 

@@ -16,7 +16,7 @@ const char* journalLevelText(int level)
     return level >= 0 && level < 6 ? gLogLevelString[level] : "[?????] ";
 }
 
-std::atomic<AbstractAdditionalLogger*> Journaller::m_additionalLogger{nullptr};
+std::atomic<AbstractAdditionalLogger*> Journaller::m_additionalLogger {nullptr};
 
 AbstractAdditionalLogger::~AbstractAdditionalLogger() = default;
 

@@ -38,7 +38,8 @@ VXCOMMON_EXPORT extern const char* const gLogLevelString[6];
 VXCOMMON_EXPORT const char* journalLevelText(int level);
 
 /** An optional second sink, asked per level whether it wants the message. */
-class VXCOMMON_EXPORT AbstractAdditionalLogger {
+class VXCOMMON_EXPORT AbstractAdditionalLogger
+{
 public:
     virtual ~AbstractAdditionalLogger();
     virtual bool wantsLevel(JournalLogLevel level) const = 0;
@@ -46,7 +47,8 @@ public:
 };
 
 /** The log file: a types-library text file with a reference count for shared use. */
-class VXCOMMON_EXPORT JournalFile {
+class VXCOMMON_EXPORT JournalFile
+{
 public:
     /** Continues an existing file at its end, unless @p purge is set or it cannot be opened. */
     JournalFile(const VxString& fileName, bool purge);
@@ -68,13 +70,14 @@ public:
 private:
     VxFile m_file;
     VxString m_name;
-    std::atomic<int> m_refCount{1};
+    std::atomic<int> m_refCount {1};
     // Journals that share this file (moveLogs) write under different locks.
-    std::atomic<bool> m_good{true};
+    std::atomic<bool> m_good {true};
 };
 
 /** Per-thread line buffers, all under one mutex. */
-class VXCOMMON_EXPORT JournalThreader {
+class VXCOMMON_EXPORT JournalThreader
+{
 public:
     struct ThreadLine {
         std::string line;
@@ -106,7 +109,8 @@ class Journaller;
 /** The process-wide journal; null when journalling is off. The host owns it. */
 VXCOMMON_EXPORT extern Journaller* gJournal;
 
-class VXCOMMON_EXPORT Journaller {
+class VXCOMMON_EXPORT Journaller
+{
 public:
     /** Log level and debug level both become @p level; flush level is JLL_ALERT. */
     Journaller(const VxString& fileName, bool purge, JournalLogLevel level);
@@ -124,7 +128,10 @@ public:
     void flush();
 
     /** True when a line at @p level would be admitted by log(). */
-    bool isLevelEnabled(JournalLogLevel level) const { return level >= m_logLevel.load(std::memory_order_relaxed) || level >= m_debugLevel.load(std::memory_order_relaxed); }
+    bool isLevelEnabled(JournalLogLevel level) const
+    {
+        return level >= m_logLevel.load(std::memory_order_relaxed) || level >= m_debugLevel.load(std::memory_order_relaxed);
+    }
 
     void setLogLevel(JournalLogLevel level, bool writeNotice = true);
     void setDebugLevel(JournalLogLevel level, bool writeNotice = true);
@@ -176,14 +183,15 @@ private:
     std::string m_fileName;
     std::atomic<int> m_logLevel;
     std::atomic<int> m_debugLevel;
-    std::atomic<int> m_flushLevel{JLL_ALERT};
+    std::atomic<int> m_flushLevel {JLL_ALERT};
     std::shared_ptr<JournalThreader> m_threader;
-    std::atomic<bool> m_useDateTime{false};
+    std::atomic<bool> m_useDateTime {false};
     static std::atomic<AbstractAdditionalLogger*> m_additionalLogger;
 };
 
 /** Builds a message from streamed pieces: text, numbers, Qt strings, booleans. */
-class VXCOMMON_EXPORT JournalMessage {
+class VXCOMMON_EXPORT JournalMessage
+{
 public:
     JournalMessage& operator<<(const std::string& s)
     {
@@ -221,8 +229,7 @@ public:
         return *this;
     }
     JournalMessage& operator<<(const void* p);
-    template<typename T, typename std::enable_if<std::is_arithmetic<T>::value || std::is_enum<T>::value, int>::type = 0>
-    JournalMessage& operator<<(T value)
+    template <typename T, typename std::enable_if<std::is_arithmetic<T>::value || std::is_enum<T>::value, int>::type = 0> JournalMessage& operator<<(T value)
     {
         if constexpr (std::is_enum<T>::value)
             m_text += std::to_string(static_cast<long long>(value));

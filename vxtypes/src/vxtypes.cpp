@@ -307,7 +307,8 @@ bool VxVersion::operator==(const VxVersion& other) const
 
 // ---- VxDeviceId -------------------------------------------------------------------------
 
-namespace {
+namespace
+{
 constexpr uint64_t legacyDetailedMask = 0xFFF00000ull;
 constexpr uint64_t legacyClassMask = 0xFF000000ull;
 constexpr uint64_t modernDetailedMask = 0xFFFFFFFF00000000ull;

@@ -28,7 +28,8 @@ VXTYPES_EXPORT void VxTime_msleep(uint32_t ms);
 VXTYPES_EXPORT std::string VxTime_toLocalText(VxTimeStamp ts);
 
 /** UTF-8 text. Converts implicitly from C strings and std::string. */
-class VXTYPES_EXPORT VxString {
+class VXTYPES_EXPORT VxString
+{
 public:
     VxString() = default;
     VxString(const char* text);
@@ -60,7 +61,8 @@ private:
  * Appending to or reserving in a view first copies the viewed bytes into owned storage.
  * Capacity grows by doubling, so repeated appends are amortised linear.
  */
-class VXTYPES_EXPORT VxByteArray {
+class VXTYPES_EXPORT VxByteArray
+{
 public:
     VxByteArray() = default;
     VxByteArray(const void* data, size_t size);
@@ -119,8 +121,8 @@ private:
 };
 
 /** A growable array; a std::vector with the suite's spelling of a few members. */
-template<typename T>
-class VxArray : public std::vector<T> {
+template <typename T> class VxArray : public std::vector<T>
+{
 public:
     using std::vector<T>::vector;
     VxArray() = default;
@@ -136,7 +138,8 @@ using VxIntArray = VxArray<int>;
 using VxStringArray = VxArray<VxString>;
 
 /** major.minor.revision, a build number, a repository version and an extra text. */
-class VXTYPES_EXPORT VxVersion {
+class VXTYPES_EXPORT VxVersion
+{
 public:
     VxVersion() = default;
     VxVersion(int major, int minor, int revision, int build = 0, int reposVersion = 0, const VxString& extra = VxString());
@@ -183,7 +186,8 @@ private:
  * product, or product and variant for modern); the "device type mask" is the mask of those
  * bits as an identifier of its own.
  */
-class VXTYPES_EXPORT VxDeviceId {
+class VXTYPES_EXPORT VxDeviceId
+{
 public:
     VxDeviceId() = default;
     explicit VxDeviceId(uint64_t value)
@@ -225,7 +229,8 @@ enum VxResultValue : int {
 VXTYPES_EXPORT const char* VxResultValue_toString(VxResultValue value);
 
 /** The support library's exception: a result value and a fixed text. */
-class VXTYPES_EXPORT VxException : public std::exception {
+class VXTYPES_EXPORT VxException : public std::exception
+{
 public:
     VxException(VxResultValue result, const VxString& text);
     VxResultValue resultValue() const noexcept { return m_result; }
@@ -238,7 +243,8 @@ private:
 };
 
 /** A text file, written only (the journal's file). Closes itself when destroyed. */
-class VXTYPES_EXPORT VxFile {
+class VXTYPES_EXPORT VxFile
+{
 public:
     VxFile() = default;
     VxFile(const VxFile&) = delete;
