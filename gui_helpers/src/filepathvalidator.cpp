@@ -189,7 +189,7 @@ FilePathValidator::IllegalCharacter FilePathValidator::containsIllegalCharacter(
 {
     const QString text = path;
     output = text;
-    // The drive's colon is neither examined nor replaced.
+    // The drive's colon is not examined.
     const int start = hasDriveLetter(text) ? 2 : 0;
     IllegalCharacter found(QChar(), false);
     for (int i = start; i < text.size(); ++i) {
@@ -202,8 +202,11 @@ FilePathValidator::IllegalCharacter FilePathValidator::containsIllegalCharacter(
         if (!fix)
             break;
         // Replacing each hit as the walk meets it replaces every occurrence of every offending
-        // character in one linear pass, however many there are.
+        // character in one linear pass, however many there are. The drive's colon is skipped
+        // by the walk but is an occurrence too: a later colon takes it along.
         output[i] = fixCharacter;
+        if (start == 2 && c == QLatin1Char(':'))
+            output[1] = fixCharacter;
     }
     return found;
 }

@@ -88,10 +88,11 @@ public:
 
     /**
      * Looks for reserved characters in @p path, and for separators too unless
-     * @p allowPathSeparators. A drive letter's colon is not looked at and survives a
-     * repair. Without @p fix the first offending character is returned; with @p fix every
-     * offending character in @p output is replaced by @p fixCharacter and the last one found
-     * is returned. Only characters below U+0100 can offend.
+     * @p allowPathSeparators. A drive letter's colon is not looked at. Without @p fix the
+     * first offending character is returned; with @p fix every occurrence of each offending
+     * character in @p output is replaced by @p fixCharacter and the last one found is
+     * returned. Only characters below U+0100 can offend. So a repair keeps a drive's colon
+     * unless another colon offends: "C:\\a:b" becomes "C_\\a_b".
      */
     static IllegalCharacter containsIllegalCharacter(const QString& path, bool fix, QChar fixCharacter, QString& output, bool allowPathSeparators);
     static IllegalCharacter containsIllegalCharacter(const QString& path, bool allowPathSeparators = true);

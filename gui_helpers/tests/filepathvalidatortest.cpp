@@ -65,7 +65,9 @@ private Q_SLOTS:
         QTest::newRow("drive path as name") << "C:\\data\\x.txt" << true << 0 << "C:_data_x.txt";
         QTest::newRow("slash in name") << "a/b" << true << 0 << "a_b";
         QTest::newRow("bare drive") << "C:" << false << 1 << "C:";
-        QTest::newRow("colon after drive") << "C:\\a:b" << false << 0 << "C:\\a_b";
+        // A repair replaces every colon once one offends, the drive's included.
+        QTest::newRow("colon after drive") << "C:\\a:b" << false << 0 << "C_\\a_b";
+        QTest::newRow("star after drive") << "C:\\a*b" << false << 0 << "C:\\a_b";
         QTest::newRow("digit is no drive") << "1:\\x" << false << 0 << "1_\\x";
         QTest::newRow("non-ASCII letter drive") << QString::fromUtf8("É:\\x") << false << 1 << QString::fromUtf8("É:\\x");
         QTest::newRow("non-ASCII symbol is no drive") << QString::fromUtf8("€:x") << false << 0 << QString::fromUtf8("€_x");
