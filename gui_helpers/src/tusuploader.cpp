@@ -96,14 +96,14 @@ void TusUploader::setDeleteOnFinished(bool deleteOnFinished)
 bool TusUploader::startUploadFile(const QString& filePath, const QString& metaData)
 {
     veltrax::Lock lock(m_mutex);
-    if (m_state == TusState::Start || m_state == TusState::Patch) {
-        JALERT("refused " << filePath << ": still uploading " << m_filePath);
-        return false;
-    }
     const QFileInfo info(filePath);
     if (!info.isFile()) {
         JERROR("no such file: " << filePath);
         m_state = TusState::Error;
+        return false;
+    }
+    if (m_state == TusState::Start || m_state == TusState::Patch) {
+        JALERT("refused " << filePath << ": still uploading " << m_filePath);
         return false;
     }
 

@@ -107,11 +107,12 @@ public:
      * Starts uploading @p filePath with the "Upload-Metadata" value @p metaData (built with
      * appendMetaData(); empty sends no such header, since servers reject an empty one).
      *
-     * Returns false without any signal when an upload is still running (state Start or
-     * Patch), changing nothing, or when @p filePath is not an existing file, which sets
-     * the state to Error. The running check comes first, so that a bad path cannot
-     * disturb an upload in progress. An empty file is complete once created: no PATCH is
-     * sent.
+     * Returns false without any signal when @p filePath is not an existing file, which sets
+     * the state to Error, or when an upload is still running (state Start or Patch),
+     * changing nothing. The file is checked first, so a bad path sets Error even while an
+     * upload runs; that upload goes on (its next step sets its state again), but a
+     * transport error met in state Error is not retried. An empty file is complete once
+     * created: no PATCH is sent.
      */
     bool startUploadFile(const QString& filePath, const QString& metaData);
 
