@@ -14,6 +14,21 @@ int main(int argc, char** argv)
         return 2;
     if (std::string(journalLevelText(JLL_WRITE)) != "[WRITE] ")
         return 3;
+    // The widgets and helpers a host creates itself: constructors, meta objects and statics.
+    QString name = QStringLiteral("a*b");
+    int position = 0;
+    if (FilePathValidator::validateFileName(name) != 0 || QFileNameValidator(nullptr).validate(name, position) != QValidator::Invalid)
+        return 4;
+    AboutBox about;
+    about.addComponent(QStringLiteral("zlib"), QStringLiteral("1.2.13"));
+    if (about.findTabByName(QStringLiteral("Other Components")) < 0 || GridSplitter().defaultStretch() != 10000)
+        return 5;
+    TusUploader uploader(QStringLiteral("http://127.0.0.1:9/files"));
+    if (uploader.startUploadFile(QStringLiteral("/nonexistent"), QString()) || uploader.getState() != TusState::Error)
+        return 6;
+    if (comPortDisplayName(QStringLiteral("/dev/ttyS0")) != QStringLiteral("/dev/ttyS0"))
+        return 7;
+    (void)qEnumerateSerialPorts();
     std::printf("consumer OK\n");
     return 0;
 }
