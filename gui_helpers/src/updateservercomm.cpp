@@ -434,6 +434,8 @@ void UpdateServerComm::handleServerSocketSslErrors(const QList<QSslError>& error
         std::lock_guard<std::mutex> guard(m_stateMutex);
         m_handshakeErrors = errors;
     }
+    // Called directly rather than by a socket's signal, the errors are the connection's own.
+    QSslSocket* const affected = socket ? socket : m_socket;
     if (errors.isEmpty()) {
         COMM_LOG(JLL_ALERT, "handleServerSocketSslErrors", QStringLiteral("An unidentified error occurred"));
     } else {
@@ -441,8 +443,8 @@ void UpdateServerComm::handleServerSocketSslErrors(const QList<QSslError>& error
             COMM_LOG(JLL_ALERT,
                 "handleServerSocketSslErrors",
                 QStringLiteral("Error during communication with ") + serverString() + QStringLiteral(": ") + error.errorString());
-            if (socket)
-                socket->close();
+            if (affected)
+                affected->close();
         }
     }
     // After a listed error the socket is closed already, so only an empty list lets the

@@ -263,6 +263,35 @@ private Q_SLOTS:
         QCOMPARE(logged, errors);
         QVERIFY(m_server->lines().isEmpty());
     }
+    // The slot called by hand (not by the socket's signal) acts on the current connection.
+    void sslErrorsAreLoggedAndListedOnesClose_data()
+    {
+        QTest::addColumn<QList<QSslError>>("errors");
+        QTest::addColumn<QString>("logLine");
+        QTest::addColumn<veltrax::SettingsFile>("expected");
+        const QSslError expired(QSslError::CertificateExpired);
+        QTest::newRow("empty list keeps the connection")
+            << QList<QSslError>() << QStringLiteral("handleServerSocketSslErrors An unidentified error occurred") << textTree({{"a", "b"}});
+        QTest::newRow("listed error closes it")
+            << QList<QSslError> {expired}
+            << QStringLiteral("handleServerSocketSslErrors Error during communication with 127.0.0.1:%1: ") + expired.errorString()
+            << textTree({{"error.message", "Could not connect to update server"}, {"error.command", "LIST"}, {"error.id", "p"}, {"error.mask", ""}});
+    }
+    void sslErrorsAreLoggedAndListedOnesClose()
+    {
+        QFETCH(QList<QSslError>, errors);
+        QFETCH(QString, logLine);
+        QFETCH(veltrax::SettingsFile, expected);
+        QVERIFY(open());
+        m_server->setResponder([](QSslSocket* socket, const QByteArray&) {
+            socket->write(frame("LIST", textTree({{"a", "b"}})));
+        });
+        m_comm->handleServerSocketSslErrors(errors);
+        QVERIFY2(m_logger->contains(logLine.replace(QLatin1String("%1"), QString::number(m_server->serverPort()))),
+            qPrintable(m_logger->lines().join(QLatin1Char('\n'))));
+        const veltrax::SettingsFile tree = runRequest<ServerListRequest>(*m_comm, QStringLiteral("p"), QString());
+        QVERIFY2(treeDifference(tree, expected).isEmpty(), qPrintable(treeDifference(tree, expected)));
+    }
     void terminateEndsAWaitingRequest_data()
     {
         QTest::addColumn<bool>("usage");
