@@ -77,6 +77,8 @@ private:
  *
  * Failures come back as trees with the section "error" (see updateserverprotocol.h), never
  * as exceptions. Construction starts the connection at once; nothing retries on its own.
+ * Received bytes that cannot start any reply (24 or more with no known word in front) are
+ * discarded, and a reply declaring a body over 1 GiB aborts the connection.
  * TLS uses the toolkit's default verification; only the cipher list is set (to all
  * supported ciphers).
  *
@@ -95,7 +97,8 @@ public:
 
     /**
      * Starts a new connection unless one is encrypted or on its way (lookup, connecting,
-     * connected). Call on the owning thread.
+     * connected). A dropped socket that still says it is encrypted does not count, so this
+     * reconnects after a drop. Call on the owning thread.
      */
     void tryToConnectToServer();
     /**

@@ -109,7 +109,10 @@ protected:
      * and @p text empty, when the terminator is not found.
      */
     bool readMessage(char terminator, bool keepTerminator, QByteArray& text);
-    /** Reads a tree from exactly @p length bytes at the cursor (cleared first); moves on only on success. */
+    /**
+     * Reads a tree from exactly @p length bytes at the cursor (cleared first); moves on only
+     * on success. A body that is not such a tree leaves @p tree empty, never half read.
+     */
     bool readCommandData(size_t length, veltrax::SettingsFile& tree);
 
     size_t unread() const { return static_cast<size_t>(m_end - m_cursor); }
