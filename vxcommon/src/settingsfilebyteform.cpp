@@ -84,6 +84,11 @@ struct SettingsFileByteReader {
             throwOutOfRange();
         const size_t nameLength = size_t(zero - name);
 
+        // The value is read before the name is looked up, so that a record whose payload
+        // fails leaves no trace, not even the subtrees its name would have made.
+        Variant value;
+        const int consumed = value.deserialize(zero + 1, end);
+
         const char* lastDot = static_cast<const char*>(memrchr(name, '.', nameLength));
         SettingsFile* node = &tree;
         if (lastDot) {
@@ -108,24 +113,8 @@ struct SettingsFileByteReader {
         } else {
             key.assign(name, nameLength);
         }
-        // A new setting is read in place; should its payload fail, it goes again, so
-        // that the tree holds only the records read before the failing one. A name
-        // seen before (names that differ only in case) keeps its value until the new
-        // one has been read whole.
-        const auto [it, inserted] = node->m_settings.try_emplace(key);
-        int consumed;
-        if (inserted) {
-            try {
-                consumed = it->second.deserialize(zero + 1, end);
-            } catch (...) {
-                node->m_settings.erase(it);
-                throw;
-            }
-        } else {
-            Variant value;
-            consumed = value.deserialize(zero + 1, end);
-            it->second = std::move(value);
-        }
+        // A name seen before (names that differ only in case) takes the new value.
+        node->m_settings[key] = std::move(value);
         node->setDirty(true);
         return nameLength + 2 + size_t(consumed);
     }

@@ -297,6 +297,7 @@ private Q_SLOTS:
         QTest::newRow("name without terminator") << QByteArray("*\x01\0\0\0Wabc", 9);
         QTest::newRow("second record missing") << QByteArray("*\x02\0\0\0Wa\0B\x01", 10);
         QTest::newRow("double payload short") << QByteArray("*\x01\0\0\0Wa\0F\0\0\0", 12);
+        QTest::newRow("payload short under a new path") << QByteArray("*\x01\0\0\0Wa.b.c\0I\0\0", 14);
         QTest::newRow("string without terminator") << QByteArray("*\x01\0\0\0Wa\0Sabc", 12);
         QTest::newRow("int list count beyond data") << QByteArray("*\x01\0\0\0Wa\0L\x09\0\0\0\0\0\0\0", 17);
         QTest::newRow("matrix size overflows") << QByteArray("*\x01\0\0\0Wa\0M\xff\xff\xff\xff\xff\xff\xff\xff", 17);
@@ -321,6 +322,7 @@ private Q_SLOTS:
             QCOMPARE(QString::fromUtf8(e.what()), QStringLiteral("index out of range"));
         }
         QVERIFY(!tree.hasSetting("old")); // cleared before the records were read
+        QCOMPARE(tree.subTrees(false).size(), size_t(0)); // nor made by the failing name
         // Only records before the failing one are stored.
         QCOMPARE(tree.size(), size_t(QByteArray(QTest::currentDataTag()) == "second record missing" ? 1 : 0));
     }
