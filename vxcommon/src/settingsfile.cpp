@@ -435,8 +435,7 @@ SettingsFile& SettingsFile::subTree(const std::string& label)
 
 bool SettingsFile::hasSubTree(const std::string& label, bool existsOnly) const
 {
-    if (label.empty())
-        return false;
+    // As in subTree(), the empty label names this node itself.
     const SettingsFile* node = findSubTree(label);
     if (!node)
         return false;

@@ -137,7 +137,10 @@ public:
     const SettingsFile& subTree(const std::string& label) const;
     /** The subtree at @p label, created with its path when missing; this node for an empty label. */
     SettingsFile& subTree(const std::string& label);
-    /** False when missing; else true if @p existsOnly, or when it holds a setting at any depth. */
+    /**
+     * False when missing; else true if @p existsOnly, or when it holds a setting at any
+     * depth. The empty label names this node, as in subTree().
+     */
     bool hasSubTree(const std::string& label, bool existsOnly = true) const;
     /** Labels of the direct subtrees, in map order; with @p nonEmptyOnly only those holding a setting somewhere. */
     LabelList subTrees(bool nonEmptyOnly = false) const;

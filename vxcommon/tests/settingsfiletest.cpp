@@ -194,6 +194,8 @@ private Q_SLOTS:
         QVERIFY(!t.hasSubTree("empty", false));
         QVERIFY(t.hasSubTree("full", false));
         QVERIFY(!t.hasSubTree("none", true));
+        QVERIFY(t.hasSubTree("", false)); // the node itself, which holds a setting below it
+        QVERIFY(!SettingsFile().hasSubTree("", false));
         QCOMPARE(sortedLabels(t.subTrees(false)), (QStringList {"empty", "full"}));
         QCOMPARE(sortedLabels(t.subTrees(true)), QStringList {"full"});
     }
