@@ -125,7 +125,10 @@ public:
 
     // Scalars. Integer kinds convert bit for bit between signed and unsigned of the same
     // width (Int32 serves both int32_t and uint32_t); floating values are rounded half
-    // away from zero and saturate at the target's range.
+    // away from zero (a one-element Tensor's is truncated) and saturate at the target's
+    // range. Texts are read after optional white space and sign up to the first character
+    // that does not fit: decimal or 0x-hex digits for integer targets, a decimal number
+    // (or inf, nan) for floating ones; a text that starts with no number gives 0.
     bool toBool() const;
     int64_t toInt64() const;
     int32_t toInt32() const;
