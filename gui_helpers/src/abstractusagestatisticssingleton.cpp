@@ -295,7 +295,9 @@ void AbstractUsageStatisticsSingleton::overrideServerAndPort(QString& address, i
     }
     if (settings.contains(OVERRIDE_SERVER_PORT_REG_KEY)) {
         const QVariant stored = settings.value(OVERRIDE_SERVER_PORT_REG_KEY);
-        port = isEmptyValue(stored) ? GUI_HELPERS_DEFAULT_UPDATE_PORT : stored.toInt();
+        // The built-in server is always reached on the standard TLS port, whatever port the
+        // build configured for it.
+        port = isEmptyValue(stored) ? 443 : stored.toInt();
     }
 }
 

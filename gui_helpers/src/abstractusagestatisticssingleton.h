@@ -128,9 +128,8 @@ public:
     void startSendingUsageData(UpdateServerOptions options);
     /**
      * Applies the override keys in place. A key that is present but empty selects the
-     * built-in server (GUI_HELPERS_DEFAULT_UPDATE_SERVER) or the built-in port
-     * (GUI_HELPERS_DEFAULT_UPDATE_PORT, 443 unless configured otherwise); an absent key
-     * keeps the given value. The difference is deliberate.
+     * built-in server (GUI_HELPERS_DEFAULT_UPDATE_SERVER) or port 443; an absent key keeps
+     * the given value. The difference is deliberate.
      */
     void overrideServerAndPort(QString& address, int& port);
     /**

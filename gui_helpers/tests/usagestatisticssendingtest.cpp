@@ -101,11 +101,11 @@ private Q_SLOTS:
         const QVariant absent;
         const QString builtIn = QStringLiteral(GUI_HELPERS_DEFAULT_UPDATE_SERVER);
         QTest::newRow("absent keys keep the caller's server") << absent << absent << "caller.example" << 4433;
-        QTest::newRow("empty keys force the built-in server") << QVariant(QString()) << QVariant(QString()) << builtIn << GUI_HELPERS_DEFAULT_UPDATE_PORT;
+        QTest::newRow("empty keys force the built-in server") << QVariant(QString()) << QVariant(QString()) << builtIn << 443;
         QTest::newRow("address only") << QVariant(QStringLiteral("override.example")) << absent << "override.example" << 4433;
         QTest::newRow("port only") << absent << QVariant(8443) << "caller.example" << 8443;
         QTest::newRow("port as text") << absent << QVariant(QStringLiteral("9443")) << "caller.example" << 9443;
-        QTest::newRow("empty port, caller's address") << absent << QVariant(QString()) << "caller.example" << GUI_HELPERS_DEFAULT_UPDATE_PORT;
+        QTest::newRow("empty port, caller's address") << absent << QVariant(QString()) << "caller.example" << 443;
     }
     void overrideServerAndPort()
     {
