@@ -7,6 +7,7 @@
 
 #include <QCheckBox>
 #include <QDesktopServices>
+#include <QHeaderView>
 #include <QLabel>
 #include <QPushButton>
 #include <QSignalSpy>
@@ -120,6 +121,15 @@ private Q_SLOTS:
         auto* download = child<QPushButton>(window, "updatePushButton");
         QVERIFY(download->isEnabled());
         QVERIFY(!window.windowIcon().availableSizes().isEmpty()); // the icon resource is there
+        // Every column, the last one too, is as wide as its contents.
+        const QTableWidget* table = child<QTableWidget>(window, "versionTableWidget");
+        QStringList headers;
+        for (int c = 0; c < table->columnCount(); ++c) {
+            headers.append(table->horizontalHeaderItem(c)->text());
+            QCOMPARE(table->horizontalHeader()->sectionResizeMode(c), QHeaderView::ResizeToContents);
+        }
+        QCOMPARE(headers, (QStringList {"Version", "Status", "Date", "Notes", "More information"}));
+        QVERIFY(!table->horizontalHeader()->stretchLastSection());
 
         // A later refresh finds the product without releases.
         QVERIFY(deliverListReply(controller.get(), listReply(m_host.product, {})));
