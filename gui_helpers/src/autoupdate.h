@@ -128,7 +128,7 @@ public:
     bool isNewVersionAvailable() const;
 
     /**
-     * Asks the server for the firmware of @p id's device type (LIST for legacy ids, LIS2T
+     * Asks the server for the firmware of @p id's device type (LIST for legacy ids, LIST2
      * for modern ones). Every reply refreshes the settings of all device keys requested so
      * far: group "firmwareVersions", key = the device-type text, value = public label.
      */
