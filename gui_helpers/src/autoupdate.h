@@ -130,7 +130,8 @@ public:
     /**
      * Asks the server for the firmware of @p id's device type (LIST for legacy ids, LIST2
      * for modern ones). Every reply refreshes the settings of all device keys requested so
-     * far: group "firmwareVersions", key = the device-type text, value = public label.
+     * far: group "firmwareVersions", key = the device-type text, value = public label of
+     * the first listed label in byte order (case-sensitive, as strcmp has it).
      */
     void requestFirmwareVersion(const VxDeviceId& id);
     /**
@@ -169,6 +170,8 @@ public Q_SLOTS:
      * found", any other HTTP status as "Server returned ...", and a failure without an HTTP
      * answer (refused connection, unknown host, TLS) with the network error's text. Qt
      * reports HTTP error statuses as network errors too; they count as HTTP answers here.
+     * Redirects are followed, never from https down to http. The saved file is named after
+     * the last component of the URL's decoded path; the query string is not part of it.
      */
     bool updateToVersion(const QString& intName, AutoUpdatable* host);
 
