@@ -286,6 +286,16 @@ void UpdateServerComm::queueGet2(const QString& id, const QString& mask, const Q
     postToSocket(requestLine(updateserver::GET2, id, mask, version));
 }
 
+void UpdateServerComm::queueGetProductKey(const QString& id, const QString& mask)
+{
+    postToSocket(requestLine(updateserver::PRODUCTKEY, id, mask));
+}
+
+void UpdateServerComm::queueGetCustomerInfo(const QString& id, const QString& mask)
+{
+    postToSocket(requestLine(updateserver::CUSTOMERINFO, id, mask));
+}
+
 void UpdateServerComm::queueSendingOfUsageData(const QByteArray& data)
 {
     bool haveSocket;
@@ -553,6 +563,20 @@ veltrax::SettingsFile UpdateServerComm::get2(const QString& id, const QString& m
     });
 }
 
+veltrax::SettingsFile UpdateServerComm::getProductKey(const QString& id, const QString& mask)
+{
+    return blockingRequest("getProductKey", updateserver::PRODUCTKEY, id, mask, nullptr, [&] {
+        queueGetProductKey(id, mask);
+    });
+}
+
+veltrax::SettingsFile UpdateServerComm::getCustomerInfo(const QString& id, const QString& mask)
+{
+    return blockingRequest("getCustomerInfo", updateserver::CUSTOMERINFO, id, mask, nullptr, [&] {
+        queueGetCustomerInfo(id, mask);
+    });
+}
+
 QByteArray UpdateServerComm::buildUsageRecord(const veltrax::SettingsFile& tree)
 {
     VxByteArray body;
@@ -683,6 +707,26 @@ ServerGet2Request::ServerGet2Request(UpdateServerComm& comm, const QString& id, 
 void ServerGet2Request::doRequest()
 {
     *m_result = m_comm.get2(m_id, m_mask, m_version);
+}
+
+ServerGetProductKeyRequest::ServerGetProductKeyRequest(UpdateServerComm& comm, const QString& id, const QString& mask, QObject* parent)
+    : ServerLookupRequest(comm, id, mask, QString(), parent)
+{
+}
+
+void ServerGetProductKeyRequest::doRequest()
+{
+    *m_result = m_comm.getProductKey(m_id, m_mask);
+}
+
+ServerGetCustomerDetailsRequest::ServerGetCustomerDetailsRequest(UpdateServerComm& comm, const QString& id, const QString& mask, QObject* parent)
+    : ServerLookupRequest(comm, id, mask, QString(), parent)
+{
+}
+
+void ServerGetCustomerDetailsRequest::doRequest()
+{
+    *m_result = m_comm.getCustomerInfo(m_id, m_mask);
 }
 
 SendUsageDataToServer::SendUsageDataToServer(UpdateServerComm& comm, const QString& logFilePath, const QString& pattern, QObject* parent)

@@ -126,6 +126,9 @@ public:
     void queueList2(const QString& id, const QString& mask);
     void queueGet(const QString& id, const QString& mask, const QString& version);
     void queueGet2(const QString& id, const QString& mask, const QString& version);
+    /** Licence look-ups, see getProductKey(). */
+    void queueGetProductKey(const QString& id, const QString& mask);
+    void queueGetCustomerInfo(const QString& id, const QString& mask);
     /** Posts @p data unchanged; logs and sends nothing when there is no socket. */
     void queueSendingOfUsageData(const QByteArray& data);
 
@@ -141,6 +144,14 @@ public:
     veltrax::SettingsFile get(const QString& id, const QString& mask, const QString& version);
     /** GE2T; accepts a GE2T reply. */
     veltrax::SettingsFile get2(const QString& id, const QString& mask, const QString& version);
+    /**
+     * Licence look-ups. Their request lines are this library's choice, made to match the
+     * lookups above: the reply word the server answers with ("PRODUCTKEY", "CUSTOMERINFO"),
+     * the device id and the mask, each followed by a space, then a line feed. The reply of
+     * the same word is returned as it came; anything else behaves as for list().
+     */
+    veltrax::SettingsFile getProductKey(const QString& id, const QString& mask);
+    veltrax::SettingsFile getCustomerInfo(const QString& id, const QString& mask);
     /**
      * Sends the logs in the directory of @p path whose full names contain @p pattern, except
      * @p path's own file (still being written), as one USAGE record: a tree holding one
@@ -293,6 +304,28 @@ class GUI_HELPERS_EXPORT ServerGet2Request : public ServerLookupRequest
     Q_OBJECT
 public:
     ServerGet2Request(UpdateServerComm& comm, const QString& id, const QString& mask, const QString& version, QObject* parent = nullptr);
+
+protected:
+    void doRequest() override;
+};
+
+/** PRODUCTKEY id mask (see UpdateServerComm::getProductKey()). */
+class GUI_HELPERS_EXPORT ServerGetProductKeyRequest : public ServerLookupRequest
+{
+    Q_OBJECT
+public:
+    ServerGetProductKeyRequest(UpdateServerComm& comm, const QString& id, const QString& mask, QObject* parent = nullptr);
+
+protected:
+    void doRequest() override;
+};
+
+/** CUSTOMERINFO id mask (see UpdateServerComm::getCustomerInfo()). */
+class GUI_HELPERS_EXPORT ServerGetCustomerDetailsRequest : public ServerLookupRequest
+{
+    Q_OBJECT
+public:
+    ServerGetCustomerDetailsRequest(UpdateServerComm& comm, const QString& id, const QString& mask, QObject* parent = nullptr);
 
 protected:
     void doRequest() override;

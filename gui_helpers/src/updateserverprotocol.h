@@ -33,7 +33,7 @@ inline constexpr char USAGE[] = "USAGE";
 inline constexpr char ACK[] = "ACK";
 /** Error reply: a text and a line feed. */
 inline constexpr char ERR[] = "ERROR";
-/** Reply words of the licence look-ups; recognised, not otherwise handled here. */
+/** Request and reply words of the licence look-ups. */
 inline constexpr char PRODUCTKEY[] = "PRODUCTKEY";
 inline constexpr char CUSTOMERINFO[] = "CUSTOMERINFO";
 /** Reply command that a connection drop leaves for a waiting request (never on the wire). */

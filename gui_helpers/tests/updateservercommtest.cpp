@@ -42,6 +42,10 @@ ServerRequest* lookup(UpdateServerComm& comm, const QString& kind)
         return new ServerList2Request(comm, id, mask);
     if (kind == QLatin1String("get"))
         return new ServerGetRequest(comm, id, mask, version);
+    if (kind == QLatin1String("productKey"))
+        return new ServerGetProductKeyRequest(comm, id, mask);
+    if (kind == QLatin1String("customerInfo"))
+        return new ServerGetCustomerDetailsRequest(comm, id, mask);
     return new ServerGet2Request(comm, id, mask, version);
 }
 } // namespace
@@ -87,6 +91,8 @@ private Q_SLOTS:
         row("get2, all empty", "get2", "", "", "", "GE2T   \n");
         row("placeholders are not expanded twice", "list", "%2", "%1", "", "LIST %2 %1\n");
         row("latin-1 text", "list", QString::fromUtf8("Caf\xc3\xa9"), "x", "", "LIST Caf\xe9 x\n");
+        row("product key", "productKey", "S-1234", "M-FF", "", "PRODUCTKEY S-1234 M-FF\n");
+        row("customer info", "customerInfo", "S-1234", "", "", "CUSTOMERINFO S-1234 \n");
     }
     void requestLinesAreWrittenByteForByte()
     {
@@ -103,6 +109,10 @@ private Q_SLOTS:
             m_comm->queueList2(id, mask);
         else if (request == QLatin1String("get"))
             m_comm->queueGet(id, mask, version);
+        else if (request == QLatin1String("productKey"))
+            m_comm->queueGetProductKey(id, mask);
+        else if (request == QLatin1String("customerInfo"))
+            m_comm->queueGetCustomerInfo(id, mask);
         else
             m_comm->queueGet2(id, mask, version);
         QTRY_COMPARE_WITH_TIMEOUT(m_server->received(), wire, kWait);
@@ -142,6 +152,19 @@ private Q_SLOTS:
         row("list answered with LIS2T", "list", frame("LIS2T", product), empty, "list Received LIS2T instead of LIST");
         row("list2 answered with LIST", "list2", frame("LIST", product), empty, "list2 Received LIST instead of LIS2T");
         row("get accepts no reply", "get", frame("GE2T", product), empty, "get Received GE2T instead of GET");
+        const veltrax::SettingsFile licence = textTree({{"licence.key", "ABCD-EFGH"}});
+        row("product key answered", "productKey", frame("PRODUCTKEY", licence), licence);
+        row("customer info answered", "customerInfo", frame("CUSTOMERINFO", licence), licence);
+        row("product key answered with CUSTOMERINFO",
+            "productKey",
+            frame("CUSTOMERINFO", licence),
+            empty,
+            "getProductKey Received CUSTOMERINFO instead of PRODUCTKEY");
+        row("ERROR reply to customer info",
+            "customerInfo",
+            "ERROR 11 no licence\n",
+            textTree({{"error.message", "no licence"}, {"error.command", "CUSTOMERINFO"}, {"error.id", "P1"}, {"error.mask", "M1"}}),
+            "getCustomerInfo Received ERROR instead of CUSTOMERINFO");
         const veltrax::SettingsFile second = textTree({{"which", "second"}});
         row("two replies in one read leave the second", "list", frame("LIST", textTree({{"which", "first"}})) + frame("LIST", second), second, "", 2);
         // Only the decided reply reports progress, not each byte on its way.
