@@ -1704,8 +1704,11 @@ void Variant::serialize(VxByteArray& out) const
 
 int Variant::deserialize(const VxByteArray& in, int position)
 {
-    if (position < 0 || size_t(position) > in.size())
+    if (position < 0)
         throwOutOfRange();
+    // At or past the end fewer than 2 bytes remain, too: nothing is read.
+    if (size_t(position) >= in.size())
+        return 0;
     return deserialize(in.data() + position, in.data() + in.size());
 }
 

@@ -259,7 +259,8 @@ public:
     int serialize(char* buffer) const;
     /**
      * Reads tag and payload at @p position of @p in; returns the bytes consumed. Fewer
-     * than 2 bytes left: nothing is read and 0 is returned. A payload that runs past the
+     * than 2 bytes left, or a position past the end: nothing is read and 0 is returned (a
+     * negative position throws std::out_of_range). A payload that runs past the
      * data throws std::out_of_range("index out of range"). A tag that is no kind gives
      * a variant of that tag without a value and consumes the tag byte alone.
      */

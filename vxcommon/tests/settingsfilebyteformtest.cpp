@@ -171,6 +171,10 @@ private Q_SLOTS:
         Variant other(veltrax::IntList {9});
         QCOMPARE(other.deserialize(alone, 0), int(alone.size()) - 4);
         QVERIFY(other == value);
+        // Fewer than two bytes left, even none or a position past the end: nothing is read.
+        for (const size_t from : {alone.size() - 1, alone.size(), alone.size() + 3})
+            QCOMPARE(other.deserialize(alone, int(from)), 0);
+        QVERIFY(other == value);
     }
 
     void nestedNamesRoundTrip()
