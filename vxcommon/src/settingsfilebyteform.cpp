@@ -114,7 +114,9 @@ struct SettingsFileByteReader {
             key.assign(name, nameLength);
         }
         // A name seen before (names that differ only in case) takes the new value.
-        node->m_settings[key] = std::move(value);
+        const auto [it, inserted] = node->m_settings.try_emplace(key, std::move(value));
+        if (!inserted)
+            it->second = std::move(value);
         node->setDirty(true);
         return nameLength + 2 + size_t(consumed);
     }
