@@ -260,6 +260,14 @@ private Q_SLOTS:
         QTest::newRow("offset beyond end") << QByteArray("*\0\0\0\0", 5) << 9 << int(VXRV_INSUFFICIENTDATA) << tooLittle;
         QTest::newRow("21 records in 146 bytes") << QByteArray("*\x15\0\0\0", 5) + QByteArray(7 * 21 - 6, 'W') << 0 << int(VXRV_DATAOVERFLOW) << tooMany;
         QTest::newRow("huge count") << QByteArray("*\xff\xff\xff\xff", 5) << 0 << int(VXRV_DATAOVERFLOW) << tooMany;
+        // The writer has no such limit: 21 settings of a one-letter name and no value take
+        // 4 bytes each, and the reader refuses the tree's own form.
+        SettingsFile tiny;
+        for (char name = 'a'; name <= 'u'; ++name)
+            tiny.setSetting(std::string(1, name), Variant());
+        VxByteArray tinyForm;
+        tiny.serialize(tinyForm);
+        QTest::newRow("own form of 21 empty settings") << QByteArray(tinyForm.data(), int(tinyForm.size())) << 0 << int(VXRV_DATAOVERFLOW) << tooMany;
         QTest::newRow("scrambled long zero run") << QByteArray("#\x01\x02\x03\x04\0\0\0\0\0\0\0\0", 13) << 0 << int(VXRV_DATAOVERFLOW)
                                                  << "Unacceptably long stretch of empty elements";
     }
