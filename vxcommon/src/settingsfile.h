@@ -228,7 +228,9 @@ public:
     /**
      * Appends the byte form: marker '*' ('#' when encrypted), 32-bit record count, then
      * one record per setting ('W', full name, 0x00, value form). Bytes already in @p out
-     * are kept.
+     * are kept. The writer does not apply the reader's plausibility check: more than 20
+     * settings averaging under 7 bytes a record (one-letter names, values without a
+     * payload) give a form that deserialize() refuses with VXRV_DATAOVERFLOW.
      */
     void serialize(VxByteArray& out) const;
     /**
