@@ -10,6 +10,7 @@ packages=(
     qtbase5-dev qtbase5-dev-tools qttools5-dev qttools5-dev-tools libqt5svg5-dev
     libeigen3-dev nlohmann-json3-dev libudev-dev libspdlog-dev libbenchmark-dev
     xvfb xauth openssl libssl3 fonts-dejavu-core clang-14 libclang-rt-14-dev libfuzzer-14-dev
+    libsodium-dev minisign lintian dpkg-dev file
     nodejs npm
 )
 

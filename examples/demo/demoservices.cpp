@@ -82,7 +82,7 @@ bool DemoServices::startHttpServer()
     }
     connect(m_http.get(), &LocalHttpServer::requestServed, this, [](int status, const QString& line) {
         // Every chunk of an upload is a request: only refusals are worth a journal line by default.
-        JLOG_AS(status >= 400 ? JLL_ALERT : JLL_TRACE, "LocalHttpServer", line);
+        JLOG_TO(gJournal, "LocalHttpServer", status >= 400 ? JLL_ALERT : JLL_TRACE, line);
     });
     JDEBUG("local HTTP server at " << m_http->baseUrl());
     return true;
@@ -139,7 +139,7 @@ bool DemoServices::startEmbeddedUpdateServer()
     m_inbox = QDir(QStandardPaths::writableLocation(QStandardPaths::AppDataLocation)).filePath(QStringLiteral("server-inbox"));
     m_embeddedServer = std::make_unique<EmbeddedUpdateServer>();
     connect(m_embeddedServer.get(), &EmbeddedUpdateServer::logLine, this, [](const QString& line) {
-        JLOG_AS(JLL_DEBUG, "gui_helpers_update_server", line);
+        JLOG_TO(gJournal, "gui_helpers_update_server", JLL_DEBUG, line);
     });
     connect(m_embeddedServer.get(), &EmbeddedUpdateServer::processStarted, this, [](qint64 pid) {
         Watchdog::setChildProcess(pid);

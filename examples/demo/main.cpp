@@ -48,7 +48,7 @@ void journalQtMessage(QtMsgType type, const QMessageLogContext&, const QString& 
         level = JLL_FATAL;
         break;
     }
-    JLOG_AS(level, "qt", message);
+    JLOG_TO(gJournal, "qt", level, message);
     if (level >= JLL_ALERT)
         std::fprintf(stderr, "gui_helpers_demo: %s\n", qPrintable(message));
     if (type == QtFatalMsg)

@@ -225,7 +225,7 @@ template <> void AbstractUsageStatisticsSingleton::logUseEvent<QString>(QString 
         m_onceLogged.insert(event);
     }
 
-    JLOG_AS(JLL_WRITE, "logUseEvent<QString>", event);
+    JLOG_TO(gJournal, "logUseEvent<QString>", JLL_WRITE, event);
 
     if (!m_logFile || !m_logFile->isOpen())
         return;

@@ -126,16 +126,6 @@ bool AutoUpdate::displayLessThan(const Version& a, const Version& b)
     return compareVersions(fromInternalVersion(a.internalVersion), fromInternalVersion(b.internalVersion)) < 0;
 }
 
-void AutoUpdate::log(JournalLogLevel level, const char* function, int line, const std::string& message) const
-{
-    const std::string text = std::string(function) + ' ' + message;
-    if (m_journaller)
-        m_journaller->log(level, text);
-    AbstractAdditionalLogger* extra = Journaller::additionalLogger();
-    if (extra && extra->wantsLevel(level))
-        extra->log(level, line, function, text);
-}
-
 void AutoUpdate::refresh()
 {
     auto* request = new ServerListRequest(*m_comm, m_host->productName(), QString(), this);
@@ -185,7 +175,7 @@ void AutoUpdate::handleListReply(const veltrax::SettingsFile& settings)
                 version.infoUrl = QString::fromStdString(infoUrl.toStdString());
             m_versions.append(version);
         } catch (const std::exception& e) {
-            log(JLL_ERROR, "handleListReply", __LINE__, std::string("Error while parsing reply: ") + e.what());
+            JLOG_TO(m_journaller, "handleListReply", JLL_ERROR, std::string("Error while parsing reply: ") + e.what());
         }
     }
 
@@ -277,7 +267,7 @@ void AutoUpdate::handleFirmwareListReply(const veltrax::SettingsFile& settings)
             });
             store.setValue(QString::fromStdString(key.toStdString()), toPublicVersion(QString::fromStdString(first->toStdString())));
         } catch (const std::exception& e) {
-            log(JLL_ERROR, "handleFirmwareListReply", __LINE__, std::string("Error while parsing reply: ") + e.what());
+            JLOG_TO(m_journaller, "handleFirmwareListReply", JLL_ERROR, std::string("Error while parsing reply: ") + e.what());
         }
     }
     store.endGroup();
@@ -386,11 +376,11 @@ void AutoUpdate::saveDownload(QNetworkReply* reply)
     const QString path = folder + QLatin1Char('/') + fileName;
     QFile file(path);
     if (fileName.isEmpty() || !file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        log(JLL_ERROR, "replyFinished", __LINE__, "Failed to create file " + path.toStdString());
+        JLOG_TO(m_journaller, "replyFinished", JLL_ERROR, "Failed to create file " + path.toStdString());
         return;
     }
     if (file.write(data) != data.size() || !file.flush())
-        log(JLL_ERROR, "replyFinished", __LINE__, "Failed to write file " + path.toStdString());
+        JLOG_TO(m_journaller, "replyFinished", JLL_ERROR, "Failed to write file " + path.toStdString());
     file.close();
 }
 

@@ -187,7 +187,6 @@ private Q_SLOTS:
     void updateDownloadProgress(qint64 received, qint64 total);
 
 private:
-    void log(JournalLogLevel level, const char* function, int line, const std::string& message) const;
     void saveDownload(QNetworkReply* reply);
     void showFailure(const QString& text) const;
 

@@ -359,7 +359,7 @@ QNetworkReply* TusUploader::takeFinishedReply(int expectedStatus, const char* ca
         return reply;
     // Failures are onNetworkError()'s to handle; an unexpected success status waits.
     if (reply->error() == QNetworkReply::NoError)
-        JLOG_AS(JLL_ALERT, caller, step << " answered " << status << ", not " << expectedStatus << "; waiting");
+        JLOG_TO(gJournal, caller, JLL_ALERT, step << " answered " << status << ", not " << expectedStatus << "; waiting");
     return nullptr;
 }
 

@@ -40,18 +40,7 @@ namespace
 std::atomic<Journaller*> s_journaller {nullptr};
 std::atomic<bool> s_journallerSet {false};
 
-/** One line "<function> <text>" to the subsystem's journal and to the additional logger. */
-void commLog(JournalLogLevel level, int line, const char* function, const QString& text)
-{
-    const std::string message = std::string(function) + ' ' + text.toStdString();
-    if (Journaller* journal = UpdateServerComm::journaller())
-        journal->log(level, message);
-    AbstractAdditionalLogger* extra = Journaller::additionalLogger();
-    if (extra && extra->wantsLevel(level))
-        extra->log(level, line, function, message);
-}
-
-#define COMM_LOG(level, function, text) commLog(level, __LINE__, function, text)
+#define COMM_LOG(level, function, text) JLOG_TO(UpdateServerComm::journaller(), function, level, text)
 
 veltrax::Variant textValue(const QString& text)
 {

@@ -407,18 +407,17 @@ void Journaller::setAdditionalLogger(AbstractAdditionalLogger* logger)
     m_additionalLogger = logger;
 }
 
-bool Journaller::wantsLevel(JournalLogLevel level)
+bool Journaller::wantsLevel(Journaller* journal, JournalLogLevel level)
 {
-    Journaller* journal = gJournal;
     if (journal && journal->isLevelEnabled(level))
         return true;
     AbstractAdditionalLogger* extra = m_additionalLogger.load();
     return extra && extra->wantsLevel(level);
 }
 
-void Journaller::logFromCallSite(JournalLogLevel level, int line, const char* function, const std::string& message)
+void Journaller::logTo(Journaller* journal, JournalLogLevel level, int line, const char* function, const std::string& message)
 {
-    if (Journaller* journal = gJournal)
+    if (journal)
         journal->log(level, message);
     AbstractAdditionalLogger* extra = m_additionalLogger.load();
     if (extra && extra->wantsLevel(level))

@@ -166,10 +166,14 @@ public:
     static void setAdditionalLogger(AbstractAdditionalLogger* logger);
     static AbstractAdditionalLogger* additionalLogger() { return m_additionalLogger.load(); }
 
-    /** Entry of the JLOG macros: to gJournal and to the additional logger. */
-    static void logFromCallSite(JournalLogLevel level, int line, const char* function, const std::string& message);
-    /** True when gJournal or the additional logger would take a line at @p level. */
-    static bool wantsLevel(JournalLogLevel level);
+    /**
+     * The one entry of every journal line the libraries write (through the JLOG macros): to
+     * @p journal when it is not null, and to the additional logger when it takes @p level.
+     * Subsystems with a journal of their own pass it; everything else passes gJournal.
+     */
+    static void logTo(Journaller* journal, JournalLogLevel level, int line, const char* function, const std::string& message);
+    /** True when @p journal or the additional logger would take a line at @p level. */
+    static bool wantsLevel(Journaller* journal, JournalLogLevel level);
 
 private:
     void init(const VxString& fileName, bool purge);
@@ -244,19 +248,22 @@ private:
 };
 
 /**
- * JLOG(level, a << b << c): journals "<function> a b c" at @p level. The message is only
- * composed when someone will take it. JLOG_AS names the function explicitly (templates
- * whose __func__ lacks their arguments).
+ * JLOG(level, a << b << c): journals "<function> a b c" at @p level to gJournal (and the
+ * additional logger). The message is only composed when someone will take it.
+ * JLOG_TO(journal, function, level, msg) is the general form: a subsystem's own journal,
+ * and a function name given explicitly where __func__ would say too little (templates,
+ * lambdas, lines forwarded from another program).
  */
-#define JLOG_AS(level, function, msg)                                                                                                                          \
+#define JLOG_TO(journal, function, level, msg)                                                                                                                 \
     do {                                                                                                                                                       \
-        if (Journaller::wantsLevel(level)) {                                                                                                                   \
+        Journaller* jlogJournal_ = (journal);                                                                                                                  \
+        if (Journaller::wantsLevel(jlogJournal_, level)) {                                                                                                     \
             JournalMessage jlogMessage_;                                                                                                                       \
             jlogMessage_ << function << ' ' << msg;                                                                                                            \
-            Journaller::logFromCallSite(level, __LINE__, function, jlogMessage_.text());                                                                       \
+            Journaller::logTo(jlogJournal_, level, __LINE__, function, jlogMessage_.text());                                                                   \
         }                                                                                                                                                      \
     } while (0)
-#define JLOG(level, msg) JLOG_AS(level, __func__, msg)
+#define JLOG(level, msg) JLOG_TO(gJournal, __func__, level, msg)
 #define JTRACE(msg) JLOG(JLL_TRACE, msg)
 #define JDEBUG(msg) JLOG(JLL_DEBUG, msg)
 #define JALERT(msg) JLOG(JLL_ALERT, msg)
