@@ -1,6 +1,26 @@
 // SPDX-License-Identifier: MIT
 #include "timeconversions.h"
 
+namespace
+{
+
+// Seconds travel as unsigned 32-bit values both ways (dates from 1970 to early 2106), as
+// QDateTime's time_t calls did; those calls are deprecated, so their rule is spelt out here.
+QDateTime fromUnsigned32Seconds(VxTimeStamp ts)
+{
+    return QDateTime::fromSecsSinceEpoch(static_cast<qint64>(static_cast<uint>(ts / 1000)));
+}
+
+uint toUnsigned32Seconds(const QDateTime& dateTime)
+{
+    if (!dateTime.isValid())
+        return uint(-1);
+    const qint64 seconds = dateTime.toMSecsSinceEpoch() / 1000;
+    return quint64(seconds) >= Q_UINT64_C(0xFFFFFFFF) ? uint(-1) : uint(seconds);
+}
+
+} // namespace
+
 QTime createQTime(VxTimeStamp ts)
 {
     QTime time;
@@ -13,12 +33,12 @@ QTime createQTime(VxTimeStamp ts)
 
 QDate createQDate(VxTimeStamp ts)
 {
-    return QDateTime::fromTime_t(static_cast<uint>(ts / 1000)).date();
+    return fromUnsigned32Seconds(ts).date();
 }
 
 QDateTime createQDateTime(VxTimeStamp ts)
 {
-    return QDateTime::fromTime_t(static_cast<uint>(ts / 1000)).addMSecs(ts % 1000);
+    return fromUnsigned32Seconds(ts).addMSecs(ts % 1000);
 }
 
 VxTimeStamp createTimeStamp(const QTime& time)
@@ -28,7 +48,7 @@ VxTimeStamp createTimeStamp(const QTime& time)
 
 VxTimeStamp createTimeStamp(const QDateTime& dateTime)
 {
-    return static_cast<VxTimeStamp>(dateTime.toTime_t()) * 1000 + dateTime.time().msec();
+    return static_cast<VxTimeStamp>(toUnsigned32Seconds(dateTime)) * 1000 + dateTime.time().msec();
 }
 
 VxTimeStamp createTimeStamp(const QDate& date)
