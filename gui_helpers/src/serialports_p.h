@@ -3,8 +3,6 @@
 // Run-time binding to libudev. Not installed: the library's own use only (and its tests).
 #pragma once
 
-#include "gui_helpers_export.h"
-
 #include <memory>
 
 struct VxLibraryLoader;
@@ -15,13 +13,6 @@ struct udev_device;
 struct udev_enumerate;
 struct udev_list_entry;
 
-// Exported only in builds with tests, so that the tests can drive the wrapper directly.
-#if defined(GUI_HELPERS_EXPORT_PRIVATE_FOR_TESTS)
-#define GUI_HELPERS_TESTS_EXPORT GUI_HELPERS_EXPORT
-#else
-#define GUI_HELPERS_TESTS_EXPORT
-#endif
-
 /**
  * libudev loaded at run time by the name "libudev.so", each entry point resolved by its name.
  *
@@ -29,7 +20,7 @@ struct udev_list_entry;
  * point that could not be resolved, or a library that could not be loaded, gives a null
  * result, or -1 for the two members returning int, so callers need no checks of their own.
  */
-class GUI_HELPERS_TESTS_EXPORT Udev
+class Udev
 {
 public:
     Udev();
