@@ -34,33 +34,22 @@ void DownloadFileTest::fileNameIsSafe_data()
     QTest::addColumn<QString>("url");
     QTest::addColumn<QString>("name");
 
-    QTest::newRow("plain") << "https://h/dl/installer-2.0.run?x=1#y"
-                           << "installer-2.0.run";
-    QTest::newRow("encoded slashes") << "https://h/dl/..%2F..%2F.bashrc"
-                                     << ".bashrc";
-    QTest::newRow("encoded backslashes") << "https://h/dl/..%5C..%5Cevil.exe"
-                                         << "evil.exe";
-    QTest::newRow("dot dot") << "https://h/dl/.."
-                             << "download";
-    QTest::newRow("trailing slash") << "https://h/dl/"
-                                    << "download";
-    QTest::newRow("no path") << "https://h"
-                             << "download";
-    QTest::newRow("only a space") << "https://h/%20"
-                                  << "download";
-    QTest::newRow("reserved characters") << "https://h/a%3Fb%3Ac%2A.run"
-                                         << "a_b_c_.run";
-    QTest::newRow("control characters") << "https://h/a%00b%0D.run"
-                                        << "a_b_.run";
-    QTest::newRow("device name") << "https://h/CON.exe"
-                                 << "___.exe";
-    QTest::newRow("trailing dots") << "https://h/setup.exe.%20."
-                                   << "setup.exe";
-    QTest::newRow("several faults") << "https://h/nul%3F."
-                                    << "nul_";
+    // clang-format off
+    QTest::newRow("plain") << "https://h/dl/installer-2.0.run?x=1#y" << "installer-2.0.run";
+    QTest::newRow("encoded slashes") << "https://h/dl/..%2F..%2F.bashrc" << ".bashrc";
+    QTest::newRow("encoded backslashes") << "https://h/dl/..%5C..%5Cevil.exe" << "evil.exe";
+    QTest::newRow("dot dot") << "https://h/dl/.." << "download";
+    QTest::newRow("trailing slash") << "https://h/dl/" << "download";
+    QTest::newRow("only a space") << "https://h/%20" << "download";
+    QTest::newRow("reserved characters") << "https://h/a%3Fb%3Ac%2A.run" << "a_b_c_.run";
+    QTest::newRow("control characters") << "https://h/a%00b%0D.run" << "a_b_.run";
+    QTest::newRow("device name") << "https://h/CON.exe" << "___.exe";
+    QTest::newRow("trailing dots") << "https://h/setup.exe.%20." << "setup.exe";
+    QTest::newRow("several faults") << "https://h/nul%3F." << "nul_";
     QTest::newRow("long, extension kept") << "https://h/" + QString(300, QLatin1Char('a')) + ".run" << QString(76, QLatin1Char('a')) + ".run";
     const QString face = QString::fromUtf8("\xF0\x9F\x98\x80"); // two UTF-16 units
     QTest::newRow("long, no surrogate split") << "https://h/a" + face.repeated(40) << "a" + face.repeated(39);
+    // clang-format on
 }
 
 void DownloadFileTest::fileNameIsSafe()
@@ -106,7 +95,7 @@ void DownloadFileTest::digestChecksSizeAndHash()
 
 void DownloadFileTest::fileLandsWholeOrNotAtAll_data()
 {
-    QTest::addColumn<QString>("folderBase"); // empty: a temporary folder beside the cache
+    QTest::addColumn<QString>("folderBase"); // empty: inside the cache, so on its file system
     QTest::addColumn<bool>("folderExists");
     QTest::addColumn<bool>("replacesFile");
 
@@ -123,7 +112,9 @@ void DownloadFileTest::fileLandsWholeOrNotAtAll()
     QFETCH(bool, folderExists);
     QFETCH(bool, replacesFile);
 
-    QTemporaryDir dir(folderBase.isEmpty() ? QDir::tempPath() + QStringLiteral("/dl-XXXXXX") : folderBase + QStringLiteral("/dl-XXXXXX"));
+    const QString cache = QStandardPaths::writableLocation(QStandardPaths::CacheLocation);
+    QVERIFY(QDir().mkpath(cache));
+    QTemporaryDir dir((folderBase.isEmpty() ? cache : folderBase) + QStringLiteral("/dl-XXXXXX"));
     QVERIFY(dir.isValid());
     const QString folder = folderExists ? dir.path() : dir.filePath(QStringLiteral("missing"));
     const QString target = folder + QStringLiteral("/installer.run");
@@ -138,7 +129,7 @@ void DownloadFileTest::fileLandsWholeOrNotAtAll()
         DownloadFile file(&digest);
         QVERIFY(file.open());
         temporary = file.temporaryPath();
-        QVERIFY(temporary.startsWith(QStandardPaths::writableLocation(QStandardPaths::CacheLocation)));
+        QVERIFY(temporary.startsWith(cache + QLatin1Char('/')));
         QVERIFY(file.write(QByteArray("a first attempt")));
         QVERIFY(file.restart());
         const QByteArray chunk(100000, 'x');
