@@ -10,14 +10,13 @@
 #include <QByteArray>
 #include <QNetworkReply>
 #include <QObject>
-#include <QPointer>
 #include <QString>
 
-#include <atomic>
 #include <iosfwd>
+#include <memory>
 
-class QFile;
 class QNetworkRequest;
+class TusUploaderPrivate;
 
 namespace veltrax
 {
@@ -165,44 +164,6 @@ private Q_SLOTS:
 
 private:
     Q_DISABLE_COPY(TusUploader)
-
-    /** Sends the chunk at the acknowledged offset; returns why it could not, or empty. */
-    QString patchNextChunk();
-    /**
-     * The reply that sent finished(), when it is the request in flight and answered
-     * @p expectedStatus; otherwise null, and @p step's unexpected status is logged for
-     * @p caller. The reply is deleted later in every case. Call with the lock held.
-     */
-    QNetworkReply* takeFinishedReply(int expectedStatus, const char* caller, const QString& step);
-    /** Ends the upload in state Finish and reports it; call with the lock held once. */
-    void finish(veltrax::Lock& lock);
-    /** Ends the upload in state Error and reports @p reason; call with the lock held once. */
-    void fail(veltrax::Lock& lock, const QString& reason);
-    /** What finish() and fail() share: the state, the file, the signal, deleteOnFinished. */
-    void end(veltrax::Lock& lock, TusState state, const QString& reason);
-    void closeFile();
-
-    const QString m_serverUrl;
-    QString m_uploadUrl;
-    QString m_filePath;
-    TusState m_state = TusState::Init;
-    qint64 m_fileSize = 0;
-    qint64 m_offset = 0;
-    // Set without the lock, so atomic.
-    std::atomic<qint64> m_chunkSize {DefaultChunkSize};
-    qint64 m_currentChunkLength = 0;
-    QFile* m_file = nullptr;
-    qint64 m_chunkStartTime = 0;
-    veltrax::NetManager m_netManager;
-    QString m_metaData;
-    QByteArray m_location;
-    QString m_bearerToken;
-    QString m_subscriptionKey;
-    bool m_deleteOnFinished = false;
-    mutable veltrax::Mutex m_mutex;
-    const qint64 m_retryDelay = 5000;
-
-    // The request in flight; a PATCH owns its body, which must live as long as the reply
-    // may read it (Qt may still ask for data after an early error answer).
-    QPointer<QNetworkReply> m_reply;
+    friend class TusUploaderPrivate;
+    std::unique_ptr<TusUploaderPrivate> const d;
 };
