@@ -72,7 +72,9 @@ public:
     QString subscriptionKey;
     bool deleteOnFinished = false;
     mutable veltrax::Mutex mutex;
-    const qint64 retryDelay = 5000;
+    QList<int> retryDelays;
+    // Failures since the server last acknowledged progress.
+    int failures = 0;
 
     // The request in flight; a PATCH owns its body, which must live as long as the reply
     // may read it (Qt may still ask for data after an early error answer).
@@ -145,6 +147,12 @@ void TusUploader::setDeleteOnFinished(bool deleteOnFinished)
     d->deleteOnFinished = deleteOnFinished;
 }
 
+void TusUploader::setRetryDelays(const QList<int>& delaysMs)
+{
+    veltrax::Lock lock(d->mutex);
+    d->retryDelays = delaysMs;
+}
+
 bool TusUploader::startUploadFile(const QString& filePath, const QString& metaData)
 {
     veltrax::Lock lock(d->mutex);
@@ -165,6 +173,7 @@ bool TusUploader::startUploadFile(const QString& filePath, const QString& metaDa
     d->uploadUrl.clear();
     d->offset = 0;
     d->currentChunkLength = 0;
+    d->failures = 0;
     d->fileSize = info.size();
     JDEBUG(filePath << " (" << d->fileSize << " bytes) to " << d->serverUrl);
     sendStart();
@@ -242,6 +251,7 @@ void TusUploader::onCreateFinished()
     QNetworkReply* reply = d->takeFinishedReply(qobject_cast<QNetworkReply*>(sender()), 201, __func__, QStringLiteral("creation of %1").arg(d->filePath));
     if (!reply)
         return;
+    d->failures = 0;
 
     QByteArray location = reply->rawHeader(QByteArrayLiteral("Location"));
     if (location.isEmpty()) {
@@ -337,6 +347,7 @@ void TusUploader::onPatchFinished()
     veltrax::Lock lock(d->mutex);
     if (!d->takeFinishedReply(qobject_cast<QNetworkReply*>(sender()), 204, __func__, QStringLiteral("chunk at %1 of %2").arg(d->offset).arg(d->filePath)))
         return;
+    d->failures = 0;
 
     d->offset += d->currentChunkLength;
     if (d->offset < d->fileSize) {
@@ -360,19 +371,31 @@ void TusUploader::onNetworkError(QNetworkReply::NetworkError code)
     if (reply != d->reply)
         return;
 
+    // A locked upload or a server in trouble may recover; a refusal will not.
     const int status = httpStatus(reply);
-    if (status != 0) {
+    const bool retryStatus = !d->retryDelays.isEmpty() && (status == 423 || status >= 500);
+    if (status != 0 && !retryStatus) {
         JERROR("server answered " << status);
         d->fail(lock, reply->errorString());
         return;
     }
+    if (d->state != TusState::Start && d->state != TusState::Patch)
+        return;
 
-    JALERT(d->filePath << ": network error " << int(code) << " (" << reply->errorString() << ") in state " << int(d->state) << ", resending in "
-                       << d->retryDelay << " ms");
+    int delay = DefaultRetryDelayMs;
+    if (!d->retryDelays.isEmpty()) {
+        if (d->failures >= d->retryDelays.size()) {
+            d->fail(lock, tr("Gave up after %1 failed attempts, the last with: %2").arg(d->failures + 1).arg(reply->errorString()));
+            return;
+        }
+        delay = d->retryDelays.at(d->failures++);
+    }
+    JALERT(d->filePath << ": network error " << int(code) << " (" << reply->errorString() << ") in state " << int(d->state) << ", resending in " << delay
+                       << " ms");
     if (d->state == TusState::Start)
-        QTimer::singleShot(int(d->retryDelay), this, &TusUploader::sendStart);
-    else if (d->state == TusState::Patch)
-        QTimer::singleShot(int(d->retryDelay), this, &TusUploader::sendPatch);
+        QTimer::singleShot(delay, this, &TusUploader::sendStart);
+    else
+        QTimer::singleShot(delay, this, &TusUploader::sendPatch);
 }
 
 void TusUploader::onProgress(qint64 bytesSent, qint64 bytesTotal)

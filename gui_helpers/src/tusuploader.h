@@ -8,6 +8,7 @@
 #include "netmanager.h"
 
 #include <QByteArray>
+#include <QList>
 #include <QNetworkReply>
 #include <QObject>
 #include <QString>
@@ -44,16 +45,17 @@ GUI_HELPERS_EXPORT std::ostream& operator<<(std::ostream& stream, TusState state
  *
  * Failures:
  * - A transport failure (connection refused, reset, host not found, time-out, TLS) resends
- *   the step that failed, unchanged, after 5000 ms, as often as it takes. A PATCH is resent
- *   at the offset the server last acknowledged; nothing asks the server for its offset, so
- *   if it had kept part of the lost chunk it answers 409 and the upload fails. With a chunk
- *   larger than the socket buffers that early 409 can be cut off before Qt reads it, and
- *   the resend then repeats every 5000 ms until the object is deleted: a host that wants
- *   to survive a server dying mid-chunk keeps chunks small or sets a deadline of its own.
+ *   the step that failed, unchanged, after 5000 ms, as often as it takes (setRetryDelays()
+ *   sets other delays and a limit). A PATCH is resent at the offset the server last acknowledged; nothing
+ *   asks the server for its offset, so if it had kept part of the lost chunk it answers
+ *   409 and the upload fails. With a chunk larger than the socket buffers that early 409
+ *   can be cut off before Qt reads it, and the resend then repeats until the object is
+ *   deleted: a host that wants to survive a server dying mid-chunk keeps chunks small or
+ *   sets retry delays.
  * - An HTTP error status ends the upload: state Error and uploadFailed() with the reply's
- *   error text. A server that answers and closes the connection before it has read a
- *   large body (an unknown upload URL, say) looks like a broken connection to Qt, and is
- *   retried as one.
+ *   error text (with retry delays set, 423 and 5xx are retried instead). A server that
+ *   answers and closes the connection before it has read a large body (an unknown upload
+ *   URL, say) looks like a broken connection to Qt, and is retried as one.
  * - A creation reply other than 201, or a chunk reply other than 204, that Qt does not
  *   count as an error (a redirect, a 200 from a server that is not tus) is only logged; the
  *   upload then stays in its state and a new start is refused until the object goes.
@@ -101,6 +103,20 @@ public:
     void setAuthentication(const QString& bearerToken, const QString& subscriptionKey);
     /** Destroy the uploader (deferred) once an upload has finished or failed. */
     void setDeleteOnFinished(bool deleteOnFinished);
+
+    /** The wait before a failed step is resent when no retry delays are set. */
+    static constexpr int DefaultRetryDelayMs = 5000;
+    /**
+     * How failed steps are resent. Empty (the default): every transport failure is retried
+     * after DefaultRetryDelayMs, without limit, and every HTTP error status ends the upload.
+     * Non-empty: the n-th consecutive failure (counted from 0) waits @p delaysMs[n] before
+     * its step is resent; the failure after the last delay ends the upload with
+     * uploadFailed(), whose reason names the last error. Any progress the server
+     * acknowledges (a created upload, a stored chunk) starts the count again. With a list
+     * set, answers 423 (locked) and 5xx count as failures to retry too; other 4xx answers
+     * still end the upload at once. Takes effect from the next failure on.
+     */
+    void setRetryDelays(const QList<int>& delaysMs);
 
     /**
      * Starts uploading @p filePath with the "Upload-Metadata" value @p metaData (built with
