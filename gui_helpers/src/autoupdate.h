@@ -148,6 +148,5 @@ private Q_SLOTS:
     void updateDownloadProgress(qint64 received, qint64 total);
 
 private:
-    friend class AutoUpdatePrivate;
     std::unique_ptr<AutoUpdatePrivate> const d;
 };
