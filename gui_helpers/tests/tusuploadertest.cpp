@@ -125,7 +125,7 @@ private Q_SLOTS:
 
         const QString id = TusServerProcess::idOfUploadUrl(uploader.serverFilePath());
         QCOMPARE(uploader.serverFilePath(), m_server.creationUrl() + QLatin1Char('/') + id);
-        QVERIFY(m_server.storedData(id) == contents);
+        QVERIFY(m_server.storedData(id) == contents); // Upload-Length: requestsCarryTheirHeadersAndMetadata
         // The server refuses an empty Upload-Metadata (400): without metadata none is sent.
         QVERIFY(!m_server.requests("POST").at(0).hasHeader("Upload-Metadata"));
 
