@@ -150,7 +150,10 @@ void TusUploader::setDeleteOnFinished(bool deleteOnFinished)
 void TusUploader::setRetryDelays(const QList<int>& delaysMs)
 {
     veltrax::Lock lock(d->mutex);
-    d->retryDelays = delaysMs;
+    // A timer never fires on a negative wait: the upload would hang.
+    d->retryDelays.clear();
+    for (int delay : delaysMs)
+        d->retryDelays.append(qMax(0, delay));
 }
 
 bool TusUploader::startUploadFile(const QString& filePath, const QString& metaData)

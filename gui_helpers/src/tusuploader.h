@@ -114,7 +114,8 @@ public:
      * uploadFailed(), whose reason names the last error. Any progress the server
      * acknowledges (a created upload, a stored chunk) starts the count again. With a list
      * set, answers 423 (locked) and 5xx count as failures to retry too; other 4xx answers
-     * still end the upload at once. Takes effect from the next failure on.
+     * still end the upload at once. A negative wait counts as 0. Takes effect from the
+     * next failure on.
      */
     void setRetryDelays(const QList<int>& delaysMs);
 

@@ -87,7 +87,7 @@ private Q_SLOTS:
         QTest::addColumn<int>("attempts");
         QTest::addColumn<QString>("reason"); // empty: the upload finishes
 
-        QTest::newRow("refused, retried") << QList<int> {0, 0} << 0 << 2 << 3 << QString();
+        QTest::newRow("refused twice, a negative wait counts as 0") << QList<int> {0, -5} << 0 << 2 << 3 << QString();
         QTest::newRow("503, retried") << QList<int> {0} << 503 << 1 << 2 << QString();
         QTest::newRow("423, retried") << QList<int> {0} << 423 << 1 << 2 << QString();
         QTest::newRow("503 without delays ends it") << QList<int>() << 503 << 1 << 1 << "Test";
