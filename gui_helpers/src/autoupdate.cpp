@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "autoupdate.h"
 
+#include "autoupdate_p.h"
 #include "journaller.h"
-#include "ui_autoupdatewindow.h"
 
-#include <QDateTime>
-#include <QDesktopServices>
 #include <QFile>
 #include <QFileDialog>
 #include <QFileInfo>
-#include <QHeaderView>
 #include <QMessageBox>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -17,7 +14,6 @@
 #include <QProgressDialog>
 #include <QRegExp>
 #include <QSettings>
-#include <QTableWidgetItem>
 #include <QUrl>
 
 #include <algorithm>
@@ -27,8 +23,6 @@
 
 namespace
 {
-const QString kUpdateCheckGroup = QStringLiteral("UpdateCheck");
-const QString kAcceptBetaKey = QStringLiteral("AcceptBeta");
 const QString kFirmwareGroup = QStringLiteral("firmwareVersions");
 
 // The server's labels are "v" + numbers joined by underscores; users see them dotted.
@@ -36,18 +30,6 @@ const QString kFirmwareGroup = QStringLiteral("firmwareVersions");
 QString toPublicVersion(const QString& label)
 {
     return label.mid(1).replace(QLatin1Char('_'), QLatin1Char('.'));
-}
-
-// Orders by major, minor and revision only; build and extra text never count.
-int compareVersions(const VxVersion& a, const VxVersion& b)
-{
-    if (a.major() != b.major())
-        return a.major() < b.major() ? -1 : 1;
-    if (a.minor() != b.minor())
-        return a.minor() < b.minor() ? -1 : 1;
-    if (a.revision() != b.revision())
-        return a.revision() < b.revision() ? -1 : 1;
-    return 0;
 }
 
 QString settingText(const veltrax::SettingsFile& tree, const std::string& label)
@@ -64,6 +46,30 @@ bool isHttpStatusError(QNetworkReply::NetworkError error)
 }
 } // namespace
 
+using autoupdate_p::compareVersions;
+
+class AutoUpdatePrivate
+{
+public:
+    explicit AutoUpdatePrivate(AutoUpdatable* host)
+        : host(host)
+    {
+    }
+
+    void saveDownload(QNetworkReply* reply);
+    void showFailure(const QString& text) const;
+
+    AutoUpdatable* const host;
+    veltrax::NetManager netManager;
+    QProgressDialog* progressDialog = nullptr;
+    QNetworkReply* reply = nullptr;
+    bool allowMessageBoxes = false;
+    UpdateServerComm* comm = nullptr;
+    Journaller* journaller = nullptr;
+    QList<AutoUpdate::Version> versions;
+    QList<VxString> firmwareKeys;
+};
+
 AutoUpdatable::~AutoUpdatable() = default;
 
 void AutoUpdatable::reserved1()
@@ -74,29 +80,57 @@ void AutoUpdatable::reserved2()
 {
 }
 
+void AutoUpdatePrivate::saveDownload(QNetworkReply* reply)
+{
+    const QByteArray data = reply->readAll();
+    // Only the last path component: a percent-encoded slash must not lead out of the folder.
+    const QString fileName = QFileInfo(reply->request().url().path(QUrl::FullyDecoded)).fileName();
+    const QString folder = QFileDialog::getExistingDirectory(nullptr, AutoUpdate::tr("Select download folder"), QString(), QFileDialog::ShowDirsOnly);
+    if (folder.isEmpty())
+        return;
+
+    const QString path = folder + QLatin1Char('/') + fileName;
+    QFile file(path);
+    if (fileName.isEmpty() || !file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        JLOG_TO(journaller, "replyFinished", JLL_ERROR, "Failed to create file " + path.toStdString());
+        return;
+    }
+    if (file.write(data) != data.size() || !file.flush())
+        JLOG_TO(journaller, "replyFinished", JLL_ERROR, "Failed to write file " + path.toStdString());
+    file.close();
+}
+
+void AutoUpdatePrivate::showFailure(const QString& text) const
+{
+    if (!allowMessageBoxes)
+        return;
+    QMessageBox box(QMessageBox::Critical, AutoUpdate::tr("Failed to download update"), text, QMessageBox::Cancel);
+    box.setModal(true);
+    box.exec();
+}
+
 AutoUpdate::AutoUpdate(AutoUpdatable* host, QObject* parent)
     : QObject(parent)
-    , m_host(host)
+    , d(new AutoUpdatePrivate(host))
 {
-    m_comm = new UpdateServerComm(this, m_host->updateServerOptions());
-    m_journaller = m_host->journaller();
-    connect(m_netManager.qman(), &QNetworkAccessManager::finished, this, &AutoUpdate::replyFinished);
+    d->comm = new UpdateServerComm(this, host->updateServerOptions());
+    d->journaller = d->host->journaller();
+    connect(d->netManager.qman(), &QNetworkAccessManager::finished, this, &AutoUpdate::replyFinished);
 }
 
 AutoUpdate::~AutoUpdate()
 {
-    if (QNetworkReply* reply = m_reply) {
+    if (QNetworkReply* reply = d->reply) {
         // Forget it first: aborting finishes it at once, and nobody is left to report to.
-        m_reply = nullptr;
+        d->reply = nullptr;
         reply->abort();
         reply->deleteLater();
     }
-    delete m_progressDialog;
-    m_progressDialog = nullptr;
+    delete d->progressDialog;
+    d->progressDialog = nullptr;
 
     // Request threads are our children; they must have ended before QObject deletes them.
-    if (m_comm)
-        m_comm->terminate();
+    d->comm->terminate();
     const QList<ServerRequest*> requests = findChildren<ServerRequest*>(QString(), Qt::FindDirectChildrenOnly);
     for (ServerRequest* request : requests)
         request->wait();
@@ -104,7 +138,7 @@ AutoUpdate::~AutoUpdate()
 
 QList<AutoUpdate::Version> AutoUpdate::versions() const
 {
-    return m_versions;
+    return d->versions;
 }
 
 QString AutoUpdate::toInternalVersion(const VxVersion& version)
@@ -128,20 +162,20 @@ bool AutoUpdate::displayLessThan(const Version& a, const Version& b)
 
 void AutoUpdate::refresh()
 {
-    auto* request = new ServerListRequest(*m_comm, m_host->productName(), QString(), this);
+    auto* request = new ServerListRequest(*d->comm, d->host->productName(), QString(), this);
     connect(request, &ServerRequest::reply, this, &AutoUpdate::handleListReply);
     request->start(QThread::InheritPriority);
 }
 
 void AutoUpdate::handleListReply(const veltrax::SettingsFile& settings)
 {
-    m_versions.clear();
+    d->versions.clear();
     if (settings.empty() || !settings.subTree(updateserver::ERROR_SECTION).empty()) {
         Q_EMIT failedToGetVersions();
         return;
     }
 
-    const veltrax::SettingsFile& product = settings.subTree(m_host->productName().toStdString());
+    const veltrax::SettingsFile& product = settings.subTree(d->host->productName().toStdString());
     const veltrax::LabelList labels = product.subTrees(true);
     size_t listed = 0;
     for (const veltrax::Label& label : labels) {
@@ -173,15 +207,15 @@ void AutoUpdate::handleListReply(const veltrax::SettingsFile& settings)
             const veltrax::Variant infoUrl = product.setting(name + ".infourl");
             if (!infoUrl.empty())
                 version.infoUrl = QString::fromStdString(infoUrl.toStdString());
-            m_versions.append(version);
+            d->versions.append(version);
         } catch (const std::exception& e) {
-            JLOG_TO(m_journaller, "handleListReply", JLL_ERROR, std::string("Error while parsing reply: ") + e.what());
+            JLOG_TO(d->journaller, "handleListReply", JLL_ERROR, std::string("Error while parsing reply: ") + e.what());
         }
     }
 
     // An empty product subtree is a valid answer: the product simply has no releases yet.
-    if (!m_versions.isEmpty() || listed == 0) {
-        std::sort(m_versions.begin(), m_versions.end());
+    if (!d->versions.isEmpty() || listed == 0) {
+        std::sort(d->versions.begin(), d->versions.end());
         Q_EMIT versionsUpdated();
     } else {
         Q_EMIT failedToGetVersions();
@@ -190,10 +224,10 @@ void AutoUpdate::handleListReply(const veltrax::SettingsFile& settings)
 
 bool AutoUpdate::isNewVersionAvailable() const
 {
-    const VxVersion current = m_host->currentVersion();
+    const VxVersion current = d->host->currentVersion();
     bool newerStable = false;
     bool newerBeta = false;
-    for (const Version& version : m_versions) {
+    for (const Version& version : d->versions) {
         const VxVersion offered = VxVersion::fromString(version.publicVersion.toStdString());
         if (compareVersions(offered, current) > 0) {
             if (version.beta)
@@ -204,9 +238,9 @@ bool AutoUpdate::isNewVersionAvailable() const
     }
 
     QSettings settings;
-    settings.beginGroup(kUpdateCheckGroup);
-    const bool acceptBeta = settings.value(kAcceptBetaKey, false).toBool();
-    settings.setValue(kAcceptBetaKey, acceptBeta);
+    settings.beginGroup(autoupdate_p::updateCheckGroup());
+    const bool acceptBeta = settings.value(autoupdate_p::acceptBetaKey(), false).toBool();
+    settings.setValue(autoupdate_p::acceptBetaKey(), acceptBeta);
     settings.endGroup();
 
     return newerStable || (acceptBeta && newerBeta);
@@ -217,20 +251,20 @@ void AutoUpdate::requestFirmwareVersion(const VxDeviceId& id)
     ServerRequest* request = nullptr;
     VxString key;
     if (id.isLegacyDeviceId()) {
-        request = new ServerListRequest(*m_comm,
+        request = new ServerListRequest(*d->comm,
             updateserver::legacyDeviceString(id, QString(), QString()),
             updateserver::legacyDeviceString(id.deviceTypeMask(true), QString(), QString()),
             this);
         key = id.deviceType(true).toString();
     } else {
-        request = new ServerList2Request(*m_comm,
+        request = new ServerList2Request(*d->comm,
             updateserver::modernDeviceString(id, QString(), QString()),
             updateserver::modernDeviceString(id.deviceTypeMask(true), QString(), QString()),
             this);
         key = id.toDeviceTypeString(true);
     }
-    if (!m_firmwareKeys.contains(key))
-        m_firmwareKeys.append(key);
+    if (!d->firmwareKeys.contains(key))
+        d->firmwareKeys.append(key);
     connect(request, &ServerRequest::reply, this, &AutoUpdate::handleFirmwareListReply);
     request->start(QThread::InheritPriority);
 }
@@ -238,7 +272,7 @@ void AutoUpdate::requestFirmwareVersion(const VxDeviceId& id)
 QStringList AutoUpdate::firmwareKeys() const
 {
     QStringList keys;
-    for (const VxString& key : m_firmwareKeys)
+    for (const VxString& key : d->firmwareKeys)
         keys.append(QString::fromStdString(key.toStdString()));
     return keys;
 }
@@ -251,7 +285,7 @@ void AutoUpdate::handleFirmwareListReply(const veltrax::SettingsFile& settings)
     const veltrax::SettingsFile& firmware = settings.subTree("firmware");
     QSettings store;
     store.beginGroup(kFirmwareGroup);
-    for (const VxString& key : qAsConst(m_firmwareKeys)) {
+    for (const VxString& key : qAsConst(d->firmwareKeys)) {
         try {
             // subTree() of a missing label is the shared empty tree.
             const veltrax::SettingsFile& device = firmware.subTree(key.toStdString());
@@ -267,7 +301,7 @@ void AutoUpdate::handleFirmwareListReply(const veltrax::SettingsFile& settings)
             });
             store.setValue(QString::fromStdString(key.toStdString()), toPublicVersion(QString::fromStdString(first->toStdString())));
         } catch (const std::exception& e) {
-            JLOG_TO(m_journaller, "handleFirmwareListReply", JLL_ERROR, std::string("Error while parsing reply: ") + e.what());
+            JLOG_TO(d->journaller, "handleFirmwareListReply", JLL_ERROR, std::string("Error while parsing reply: ") + e.what());
         }
     }
     store.endGroup();
@@ -276,69 +310,69 @@ void AutoUpdate::handleFirmwareListReply(const veltrax::SettingsFile& settings)
 bool AutoUpdate::updateToVersion(const QString& intName, AutoUpdatable* host)
 {
     Q_UNUSED(host)
-    m_pendingVersion = Version();
-    for (const Version& version : qAsConst(m_versions)) {
+    Version pending;
+    for (const Version& version : qAsConst(d->versions)) {
         if (version.internalVersion == intName) {
-            m_pendingVersion = version;
+            pending = version;
             break;
         }
     }
-    if (m_pendingVersion.internalVersion.isEmpty() || m_pendingVersion.url.isEmpty())
+    if (pending.internalVersion.isEmpty() || pending.url.isEmpty())
         return false;
 
     // Only one download is tracked; an earlier one runs on unobserved and cleans up after itself.
-    if (m_reply) {
-        connect(m_reply, &QNetworkReply::finished, m_reply, &QObject::deleteLater);
-        m_reply = nullptr;
+    if (d->reply) {
+        connect(d->reply, &QNetworkReply::finished, d->reply, &QObject::deleteLater);
+        d->reply = nullptr;
     }
-    delete m_progressDialog;
+    delete d->progressDialog;
 
-    m_progressDialog = new QProgressDialog(tr("Downloading update, this may take a few minutes"), tr("Cancel"), 0, 1000);
-    m_progressDialog->setWindowFlags(m_progressDialog->windowFlags() & ~Qt::WindowContextHelpButtonHint);
-    m_progressDialog->setModal(true);
-    m_progressDialog->setValue(0);
-    m_progressDialog->setMinimumDuration(200);
-    connect(m_progressDialog, &QProgressDialog::canceled, this, &AutoUpdate::abortDownload);
-    m_progressDialog->show();
+    d->progressDialog = new QProgressDialog(tr("Downloading update, this may take a few minutes"), tr("Cancel"), 0, 1000);
+    d->progressDialog->setWindowFlags(d->progressDialog->windowFlags() & ~Qt::WindowContextHelpButtonHint);
+    d->progressDialog->setModal(true);
+    d->progressDialog->setValue(0);
+    d->progressDialog->setMinimumDuration(200);
+    connect(d->progressDialog, &QProgressDialog::canceled, this, &AutoUpdate::abortDownload);
+    d->progressDialog->show();
 
-    QNetworkRequest request {QUrl(m_pendingVersion.url)};
+    QNetworkRequest request {QUrl(pending.url)};
     // Download hosts commonly redirect to a mirror; never from https down to http.
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
-    m_reply = m_netManager->get(request);
-    m_reply->setReadBufferSize(0);
-    connect(m_reply, &QNetworkReply::downloadProgress, this, &AutoUpdate::updateDownloadProgress);
+    d->reply = d->netManager->get(request);
+    d->reply->setReadBufferSize(0);
+    connect(d->reply, &QNetworkReply::downloadProgress, this, &AutoUpdate::updateDownloadProgress);
     return true;
 }
 
 void AutoUpdate::updateDownloadProgress(qint64 received, qint64 total)
 {
-    if (!m_progressDialog)
+    if (!d->progressDialog)
         return;
     // An unknown (-1) or zero total gives no usable fraction; the dialog ignores values out of range.
     const double value = static_cast<double>(received) * 1000.0 / static_cast<double>(total);
     if (!std::isfinite(value) || value < INT_MIN || value > INT_MAX)
         return;
-    m_progressDialog->setValue(static_cast<int>(std::round(value)));
+    d->progressDialog->setValue(static_cast<int>(std::round(value)));
 }
 
 void AutoUpdate::abortDownload()
 {
-    if (m_reply)
-        m_reply->abort();
+    if (d->reply)
+        d->reply->abort();
 }
 
 void AutoUpdate::replyFinished(QNetworkReply* reply)
 {
     // The network manager is shared: other replies are not ours to touch.
-    if (!reply || reply != m_reply)
+    if (!reply || reply != d->reply)
         return;
-    m_reply = nullptr;
+    d->reply = nullptr;
 
-    if (m_progressDialog) {
+    if (d->progressDialog) {
         // We may be inside the dialog's own canceled() signal: let it unwind first.
-        m_progressDialog->hide();
-        m_progressDialog->deleteLater();
-        m_progressDialog = nullptr;
+        d->progressDialog->hide();
+        d->progressDialog->deleteLater();
+        d->progressDialog = nullptr;
     }
 
     const QNetworkReply::NetworkError error = reply->error();
@@ -350,274 +384,31 @@ void AutoUpdate::replyFinished(QNetworkReply* reply)
     if (error == QNetworkReply::OperationCanceledError) {
         // The user cancelled: nothing to report.
     } else if (httpAnswer && error == QNetworkReply::NoError && status == 200) {
-        saveDownload(reply);
+        d->saveDownload(reply);
     } else if (httpAnswer && status == 404) {
-        showFailure(tr("Update file not found at %1").arg(url));
+        d->showFailure(tr("Update file not found at %1").arg(url));
     } else if (httpAnswer) {
         const QString reason = reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
-        showFailure(tr("Server returned \"%1: %2\" when requesting file at %3").arg(status).arg(reason, url));
+        d->showFailure(tr("Server returned \"%1: %2\" when requesting file at %3").arg(status).arg(reason, url));
     } else {
-        showFailure(reply->errorString());
+        d->showFailure(reply->errorString());
     }
 
-    m_pendingVersion = Version();
     reply->deleteLater();
-}
-
-void AutoUpdate::saveDownload(QNetworkReply* reply)
-{
-    const QByteArray data = reply->readAll();
-    // Only the last path component: a percent-encoded slash must not lead out of the folder.
-    const QString fileName = QFileInfo(reply->request().url().path(QUrl::FullyDecoded)).fileName();
-    const QString folder = QFileDialog::getExistingDirectory(nullptr, tr("Select download folder"), QString(), QFileDialog::ShowDirsOnly);
-    if (folder.isEmpty())
-        return;
-
-    const QString path = folder + QLatin1Char('/') + fileName;
-    QFile file(path);
-    if (fileName.isEmpty() || !file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        JLOG_TO(m_journaller, "replyFinished", JLL_ERROR, "Failed to create file " + path.toStdString());
-        return;
-    }
-    if (file.write(data) != data.size() || !file.flush())
-        JLOG_TO(m_journaller, "replyFinished", JLL_ERROR, "Failed to write file " + path.toStdString());
-    file.close();
-}
-
-void AutoUpdate::showFailure(const QString& text) const
-{
-    if (!m_allowMessageBoxes)
-        return;
-    QMessageBox box(QMessageBox::Critical, tr("Failed to download update"), text, QMessageBox::Cancel);
-    box.setModal(true);
-    box.exec();
 }
 
 void AutoUpdate::setAllowMessageBoxes(bool allow)
 {
-    m_allowMessageBoxes = allow;
+    d->allowMessageBoxes = allow;
 }
 
 QString AutoUpdate::serverString() const
 {
-    return m_comm ? m_comm->serverString() : QString();
+    return d->comm->serverString();
 }
 
 void AutoUpdate::terminate()
 {
-    if (m_comm)
-        m_comm->terminate();
+    d->comm->terminate();
     VxTime_msleep(120);
-}
-
-// ---------------------------------------------------------------------------------------
-
-QMap<int, QString> AutoUpdateWindow::colMap;
-
-AutoUpdateWindow::AutoUpdateWindow(AutoUpdatable* host, AutoUpdate* autoUpdate, QWidget* parent, Qt::WindowFlags flags)
-    : QDialog(parent, flags)
-    , ui(new Ui_AutoUpdateWindow)
-    , m_host(host)
-    , m_autoUpdate(autoUpdate ? autoUpdate : new AutoUpdate(host, this))
-    , m_licenseDateLimit(0)
-{
-    m_autoUpdate->setAllowMessageBoxes(true);
-    if (colMap.isEmpty()) {
-        colMap.insert(0, tr("Version"));
-        colMap.insert(1, tr("Status"));
-        colMap.insert(2, tr("Date"));
-        colMap.insert(3, tr("Notes"));
-        colMap.insert(4, tr("More information"));
-    }
-
-    ui->setupUi(this);
-    ui->newVersionTextLabel->hide();
-    ui->failureLabel->hide();
-    ui->versionTableWidget->hide();
-    ui->availableVersionsLabel->hide();
-    ui->retrievingLabel->show();
-
-    m_licenseDateLimit = m_host->licenseDateLimit();
-
-    connect(m_autoUpdate, &AutoUpdate::versionsUpdated, this, &AutoUpdateWindow::updateVersionTable);
-    connect(m_autoUpdate, &AutoUpdate::failedToGetVersions, this, &AutoUpdateWindow::reportUpdateFailure);
-
-    QTableWidget* table = ui->versionTableWidget;
-    table->setColumnCount(colMap.size());
-    table->horizontalHeader()->setSectionResizeMode(QHeaderView::ResizeToContents);
-    table->setHorizontalHeaderLabels(colMap.values());
-    table->setSelectionBehavior(QAbstractItemView::SelectRows);
-    table->setSelectionMode(QAbstractItemView::SingleSelection);
-    connect(table, &QTableWidget::itemSelectionChanged, this, &AutoUpdateWindow::selectionChanged);
-
-    ui->updatePushButton->setEnabled(false);
-    ui->updatePushButton->setText(tr("Download"));
-    ui->updatePushButton->setToolTip(tr("Download the selected item"));
-    connect(ui->updatePushButton, &QPushButton::clicked, this, &AutoUpdateWindow::doUpdate);
-    connect(ui->cancelPushButton, &QPushButton::clicked, this, &QWidget::close);
-
-    const int interval = m_host->updateCheckInterval();
-    if (interval == 0) {
-        ui->updateIntervalSpinBox->setValue(7);
-        ui->updateIntervalSpinBox->setEnabled(false);
-        ui->intervalCheckBox->setChecked(false);
-    } else {
-        ui->updateIntervalSpinBox->setValue(interval);
-        ui->updateIntervalSpinBox->setEnabled(true);
-        ui->intervalCheckBox->setChecked(true);
-    }
-    connect(ui->intervalCheckBox, &QCheckBox::clicked, this, &AutoUpdateWindow::intervalChanged);
-    connect(ui->updateIntervalSpinBox, QOverload<int>::of(&QSpinBox::valueChanged), this, &AutoUpdateWindow::intervalChanged);
-
-    QSettings settings;
-    settings.beginGroup(kUpdateCheckGroup);
-    const bool acceptBeta = settings.value(kAcceptBetaKey, false).toBool();
-    settings.endGroup();
-    if (!m_host->allowBetaVersions()) {
-        ui->betaCheckBox->hide();
-    } else {
-        ui->betaCheckBox->setChecked(acceptBeta);
-        connect(ui->betaCheckBox, &QCheckBox::clicked, this, &AutoUpdateWindow::betaChanged);
-        connect(ui->betaCheckBox, &QCheckBox::clicked, this, &AutoUpdateWindow::updateVersionTable);
-    }
-
-    if (!m_autoUpdate->versions().isEmpty())
-        updateVersionTable();
-    else
-        m_autoUpdate->refresh();
-}
-
-AutoUpdateWindow::~AutoUpdateWindow() = default;
-
-void AutoUpdateWindow::setNewVersionText(const QString& text)
-{
-    ui->newVersionTextLabel->setText(text);
-}
-
-void AutoUpdateWindow::updateVersionTable()
-{
-    ui->failureLabel->hide();
-    ui->retrievingLabel->hide();
-    ui->versionTableWidget->show();
-    ui->availableVersionsLabel->show();
-
-    const VxVersion current = m_host->currentVersion();
-    QList<AutoUpdate::Version> list = m_autoUpdate->versions();
-
-    QTableWidget* table = ui->versionTableWidget;
-    table->clearContents();
-    disconnect(table, &QTableWidget::cellClicked, this, nullptr);
-
-    if (!(ui->betaCheckBox->isChecked() && m_host->allowBetaVersions()))
-        list.erase(std::remove_if(list.begin(),
-                       list.end(),
-                       [](const AutoUpdate::Version& v) {
-                           return v.beta;
-                       }),
-            list.end());
-
-    bool currentIsBeta = false;
-    for (const AutoUpdate::Version& version : qAsConst(list)) {
-        if (compareVersions(AutoUpdate::fromInternalVersion(version.internalVersion), current) == 0) {
-            currentIsBeta = version.beta;
-            break;
-        }
-    }
-
-    table->setRowCount(list.size());
-    std::sort(list.begin(), list.end(), &AutoUpdate::displayLessThan);
-
-    int selectRow = -1;
-    const int count = list.size();
-    for (int i = 0; i < count; ++i) {
-        const AutoUpdate::Version& version = list.at(i);
-        // Oldest at the bottom, newest at the top.
-        const int row = count - 1 - i;
-
-        auto* versionItem = new QTableWidgetItem(version.publicVersion);
-        versionItem->setData(Qt::UserRole, version.internalVersion);
-        table->setItem(row, 0, versionItem);
-        const QDateTime date = QDateTime::fromMSecsSinceEpoch(version.date).toLocalTime();
-        table->setItem(row, 2, new QTableWidgetItem(date.toString(tr("d MMM yyyy"))));
-        table->setItem(row, 1, new QTableWidgetItem(version.releaseType));
-
-        if (!version.infoLabel.isEmpty() && !version.infoUrl.isEmpty()) {
-            auto* infoItem = new QTableWidgetItem(version.infoLabel);
-            infoItem->setToolTip(tr("Click to open in a web browser"));
-            QFont font = infoItem->font();
-            font.setUnderline(true);
-            infoItem->setFont(font);
-            table->setItem(row, 4, infoItem);
-            const QUrl infoUrl(version.infoUrl);
-            connect(table, &QTableWidget::cellClicked, this, [row, infoUrl](int clickedRow, int clickedColumn) {
-                if (clickedRow == row && clickedColumn == 4)
-                    QDesktopServices::openUrl(infoUrl);
-            });
-        }
-
-        const int order = compareVersions(AutoUpdate::fromInternalVersion(version.internalVersion), current);
-        QString note;
-        // The licence covers releases up to its date limit; none is set when the limit is 0 or less.
-        if (m_licenseDateLimit > 0 && version.date > m_licenseDateLimit)
-            note = tr("Current license does not allow running this version");
-        else if (order == 0)
-            note = tr("Current version");
-        else if (order < 0)
-            note = tr("Older than current");
-        else
-            note = tr("Newer than current");
-        table->setItem(row, 3, new QTableWidgetItem(note));
-
-        // Visiting oldest to newest, the newest qualifying release wins; a beta only when
-        // nothing was chosen yet or the running version is itself a beta.
-        if (order > 0 && (selectRow < 0 || currentIsBeta || !version.beta))
-            selectRow = row;
-    }
-
-    if (selectRow >= 0)
-        table->selectRow(selectRow);
-    selectionChanged();
-
-    if (m_autoUpdate->isNewVersionAvailable())
-        ui->newVersionTextLabel->show();
-}
-
-void AutoUpdateWindow::reportUpdateFailure()
-{
-    ui->failureLabel->setText(tr("Failed to get version information from Veltrax update server at %1").arg(m_autoUpdate->serverString()));
-    ui->failureLabel->show();
-    ui->retrievingLabel->hide();
-    ui->versionTableWidget->hide();
-    ui->newVersionTextLabel->hide();
-    // With the table gone its selection must not stay downloadable.
-    selectionChanged();
-}
-
-void AutoUpdateWindow::selectionChanged()
-{
-    // Visible within this dialog, so that a selection made before the dialog is shown counts.
-    QTableWidget* table = ui->versionTableWidget;
-    ui->updatePushButton->setEnabled(!table->selectedItems().isEmpty() && table->isVisibleTo(this));
-}
-
-void AutoUpdateWindow::doUpdate()
-{
-    const QList<QTableWidgetItem*> selected = ui->versionTableWidget->selectedItems();
-    if (selected.isEmpty())
-        return;
-    const QTableWidgetItem* versionItem = ui->versionTableWidget->item(selected.first()->row(), 0);
-    if (!versionItem)
-        return;
-    m_autoUpdate->updateToVersion(versionItem->data(Qt::UserRole).toString(), m_host);
-}
-
-void AutoUpdateWindow::intervalChanged()
-{
-    if (ui->intervalCheckBox->isChecked()) {
-        ui->updateIntervalSpinBox->setEnabled(true);
-        Q_EMIT updateIntervalChanged(ui->updateIntervalSpinBox->value());
-    } else {
-        ui->updateIntervalSpinBox->setEnabled(false);
-        Q_EMIT updateIntervalChanged(0);
-    }
 }

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
 //
-// Automatic updates: the host's interface (AutoUpdatable), the controller that asks the
-// update server for releases and firmware and downloads installers (AutoUpdate), and the
-// dialog that lists the releases (AutoUpdateWindow).
+// Automatic updates: the controller that asks the update server for releases and firmware
+// and downloads installers. The host's interface (autoupdatable.h) and the dialog that
+// lists the releases (autoupdatewindow.h) come with it.
 #pragma once
 
+#include "autoupdatable.h"
+#include "autoupdatewindow.h"
 #include "gui_helpers_export.h"
 #include "journaller.h"
 #include "netmanager.h"
@@ -12,56 +14,15 @@
 #include "updateservercomm.h"
 #include "vxtypes.h"
 
-#include <QDialog>
 #include <QList>
-#include <QMap>
 #include <QObject>
 #include <QString>
 #include <QStringList>
 
-#include <cstdint>
 #include <memory>
 
 class QNetworkReply;
-class QProgressDialog;
-class Ui_AutoUpdateWindow;
-
-/**
- * What the host application tells the automatic-update code about itself. The host
- * implements it; the library only calls it, and never takes ownership.
- *
- * The order of the virtual functions is part of the binary interface and must not change.
- * reserved1() and reserved2() hold two slots that this library never calls; a host need
- * not implement them.
- */
-class GUI_HELPERS_EXPORT AutoUpdatable
-{
-public:
-    virtual ~AutoUpdatable();
-
-    /** Never called by this library. */
-    virtual void reserved1();
-    /** Version of the running application; only major, minor and revision count. */
-    virtual VxVersion currentVersion() const = 0;
-    /** Never called by this library. */
-    virtual void reserved2();
-    /** Product key: the id sent with the LIST request and the name of the reply subtree. */
-    virtual QString productName() const = 0;
-    /** Automatic-check interval in days; 0 means automatic checking is off. */
-    virtual int updateCheckInterval() const = 0;
-    /** Where the update server is; read once when an AutoUpdate is constructed. */
-    virtual UpdateServerOptions updateServerOptions() const = 0;
-    /**
-     * Newest release date (milliseconds since the epoch) that the user's licence covers.
-     * Releases dated later are marked in the update window as not allowed by the licence.
-     * 0 or a negative value means the licence sets no limit.
-     */
-    virtual int64_t licenseDateLimit() const = 0;
-    /** Where the controller logs; may be null. */
-    virtual Journaller* journaller() const = 0;
-    /** Whether the host offers beta releases at all. */
-    virtual bool allowBetaVersions() const = 0;
-};
+class AutoUpdatePrivate;
 
 /**
  * The non-visual controller of automatic updates.
@@ -143,7 +104,7 @@ public:
 
     /** Lets download failures be shown in message boxes (off by default). */
     void setAllowMessageBoxes(bool allow);
-    /** "address:port" of the update server, or empty when there is no connection. */
+    /** "address:port" of the update server. */
     QString serverString() const;
     /** Makes waiting server requests give up, then waits 120 ms for their threads. */
     void terminate();
@@ -187,66 +148,5 @@ private Q_SLOTS:
     void updateDownloadProgress(qint64 received, qint64 total);
 
 private:
-    void saveDownload(QNetworkReply* reply);
-    void showFailure(const QString& text) const;
-
-    AutoUpdatable* m_host;
-    veltrax::NetManager m_netManager;
-    QProgressDialog* m_progressDialog = nullptr;
-    QNetworkReply* m_reply = nullptr;
-    bool m_allowMessageBoxes = false;
-    UpdateServerComm* m_comm = nullptr;
-    Journaller* m_journaller = nullptr;
-    QList<Version> m_versions;
-    QList<VxString> m_firmwareKeys;
-    Version m_pendingVersion;
-};
-
-/**
- * The dialog that lists the releases offered by the update server, lets the user download
- * one and set the automatic-check options. It does not store the options: it reports them
- * with betaChanged() and updateIntervalChanged(), and the host keeps them.
- */
-class GUI_HELPERS_EXPORT AutoUpdateWindow : public QDialog
-{
-    Q_OBJECT
-    Q_DISABLE_COPY(AutoUpdateWindow)
-
-public:
-    /**
-     * Uses @p autoUpdate when given, else creates a controller of its own. Shows the
-     * releases at once when the controller already has some, else asks it to refresh.
-     */
-    explicit AutoUpdateWindow(AutoUpdatable* host, AutoUpdate* autoUpdate = nullptr, QWidget* parent = nullptr, Qt::WindowFlags flags = {});
-    ~AutoUpdateWindow() override;
-
-    /** Text shown below the table when a new version is available. */
-    void setNewVersionText(const QString& text);
-
-    /** Column number to header text of the version table; filled on first construction. */
-    static QMap<int, QString> colMap;
-
-Q_SIGNALS:
-    /** The user switched reporting of beta releases on or off. */
-    void betaChanged(bool accept);
-    /** New automatic-check interval in days; 0 when automatic checking was switched off. */
-    void updateIntervalChanged(int days);
-
-public Q_SLOTS:
-    /** Rebuilds the table from the controller's releases. */
-    void updateVersionTable();
-    /** Shows that the releases could not be fetched, naming the server. */
-    void reportUpdateFailure();
-    /** Downloads the selected release. */
-    void doUpdate();
-    /** Enables the download button when a row is selected and the table is shown. */
-    void selectionChanged();
-    /** Reports the interval controls' state with updateIntervalChanged(). */
-    void intervalChanged();
-
-private:
-    std::unique_ptr<Ui_AutoUpdateWindow> const ui;
-    AutoUpdatable* m_host;
-    AutoUpdate* m_autoUpdate;
-    int64_t m_licenseDateLimit;
+    std::unique_ptr<AutoUpdatePrivate> const d;
 };

@@ -20,7 +20,9 @@
 // Exported classes and functions
 #include "aboutbox.h"
 #include "abstractusagestatisticssingleton.h"
+#include "autoupdatable.h"
 #include "autoupdate.h"
+#include "autoupdatewindow.h"
 #include "filepathvalidator.h"
 #include "gridsplitter.h"
 #include "serialports.h"

@@ -10,9 +10,11 @@
 #include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QNetworkRequest>
+#include <QPointer>
 #include <QTimer>
 #include <QUrl>
 
+#include <atomic>
 #include <new>
 #include <ostream>
 #include <stdexcept>
@@ -26,6 +28,58 @@ int httpStatus(const QNetworkReply* reply)
     return reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
 }
 } // namespace
+
+class TusUploaderPrivate
+{
+public:
+    TusUploaderPrivate(TusUploader* q, const QString& serverUrl)
+        : q(q)
+        , serverUrl(serverUrl)
+    {
+    }
+
+    /** Sends the chunk at the acknowledged offset; returns why it could not, or empty. */
+    QString patchNextChunk();
+    /**
+     * @p reply when it is the request in flight and answered @p expectedStatus; otherwise
+     * null, and @p step's unexpected status is logged for @p caller. The reply is deleted
+     * later in every case. Call with the lock held.
+     */
+    QNetworkReply* takeFinishedReply(QNetworkReply* reply, int expectedStatus, const char* caller, const QString& step);
+    /** Ends the upload in state Finish and reports it; call with the lock held once. */
+    void finish(veltrax::Lock& lock);
+    /** Ends the upload in state Error and reports @p reason; call with the lock held once. */
+    void fail(veltrax::Lock& lock, const QString& reason);
+    /** What finish() and fail() share: the state, the file, the signal, deleteOnFinished. */
+    void end(veltrax::Lock& lock, TusState state, const QString& reason);
+    void closeFile();
+
+    TusUploader* const q;
+    const QString serverUrl;
+    QString uploadUrl;
+    QString filePath;
+    TusState state = TusState::Init;
+    qint64 fileSize = 0;
+    qint64 offset = 0;
+    // Set without the lock, so atomic.
+    std::atomic<qint64> chunkSize {TusUploader::DefaultChunkSize};
+    qint64 currentChunkLength = 0;
+    QFile* file = nullptr;
+    qint64 chunkStartTime = 0;
+    veltrax::NetManager netManager;
+    QString metaData;
+    QString bearerToken;
+    QString subscriptionKey;
+    bool deleteOnFinished = false;
+    mutable veltrax::Mutex mutex;
+    QList<int> retryDelays;
+    // Failures since the server last acknowledged progress.
+    int failures = 0;
+
+    // The request in flight; a PATCH owns its body, which must live as long as the reply
+    // may read it (Qt may still ask for data after an early error answer).
+    QPointer<QNetworkReply> reply;
+};
 
 std::ostream& operator<<(std::ostream& stream, TusState state)
 {
@@ -46,23 +100,23 @@ std::ostream& operator<<(std::ostream& stream, TusState state)
 
 TusUploader::TusUploader(const QString& serverUrl, QObject* parent)
     : QObject(parent)
-    , m_serverUrl(serverUrl)
+    , d(new TusUploaderPrivate(this, serverUrl))
 {
     setChunkSize(0);
 }
 
 TusUploader::~TusUploader()
 {
-    veltrax::Lock lock(m_mutex);
+    veltrax::Lock lock(d->mutex);
     // The shared access manager outlives us: stop our request. A reply that has already
     // failed or finished (we may be deleted from a slot of its signals) is only let go.
-    if (QNetworkReply* reply = m_reply.data()) {
+    if (QNetworkReply* reply = d->reply.data()) {
         disconnect(reply, nullptr, this, nullptr);
         if (reply->isRunning() && reply->error() == QNetworkReply::NoError)
             reply->abort();
         reply->deleteLater();
     }
-    delete m_file;
+    delete d->file;
 }
 
 QNetworkRequest& TusUploader::prepareRequest(QNetworkRequest& request)
@@ -72,64 +126,73 @@ QNetworkRequest& TusUploader::prepareRequest(QNetworkRequest& request)
 
 void TusUploader::setChunkSize(qint64 size)
 {
-    m_chunkSize.store(size < 1 ? DefaultChunkSize : size);
+    d->chunkSize.store(size < 1 ? DefaultChunkSize : size);
 }
 
 qint64 TusUploader::chunkSize() const
 {
-    return m_chunkSize.load();
+    return d->chunkSize.load();
 }
 
 void TusUploader::setAuthentication(const QString& bearerToken, const QString& subscriptionKey)
 {
-    veltrax::Lock lock(m_mutex);
-    m_bearerToken = bearerToken;
-    m_subscriptionKey = subscriptionKey;
+    veltrax::Lock lock(d->mutex);
+    d->bearerToken = bearerToken;
+    d->subscriptionKey = subscriptionKey;
 }
 
 void TusUploader::setDeleteOnFinished(bool deleteOnFinished)
 {
-    veltrax::Lock lock(m_mutex);
-    m_deleteOnFinished = deleteOnFinished;
+    veltrax::Lock lock(d->mutex);
+    d->deleteOnFinished = deleteOnFinished;
+}
+
+void TusUploader::setRetryDelays(const QList<int>& delaysMs)
+{
+    veltrax::Lock lock(d->mutex);
+    // A timer never fires on a negative wait: the upload would hang.
+    d->retryDelays.clear();
+    for (int delay : delaysMs)
+        d->retryDelays.append(qMax(0, delay));
 }
 
 bool TusUploader::startUploadFile(const QString& filePath, const QString& metaData)
 {
-    veltrax::Lock lock(m_mutex);
+    veltrax::Lock lock(d->mutex);
     const QFileInfo info(filePath);
     if (!info.isFile()) {
         JERROR("no such file: " << filePath);
-        m_state = TusState::Error;
+        d->state = TusState::Error;
         return false;
     }
-    if (m_state == TusState::Start || m_state == TusState::Patch) {
-        JALERT("refused " << filePath << ": still uploading " << m_filePath);
+    if (d->state == TusState::Start || d->state == TusState::Patch) {
+        JALERT("refused " << filePath << ": still uploading " << d->filePath);
         return false;
     }
 
-    closeFile();
-    m_filePath = filePath;
-    m_metaData = metaData;
-    m_uploadUrl.clear();
-    m_location.clear();
-    m_offset = 0;
-    m_currentChunkLength = 0;
-    m_fileSize = info.size();
-    JDEBUG(filePath << " (" << m_fileSize << " bytes) to " << m_serverUrl);
+    d->closeFile();
+    d->filePath = filePath;
+    d->metaData = metaData;
+    d->uploadUrl.clear();
+    d->offset = 0;
+    d->currentChunkLength = 0;
+    d->failures = 0;
+    d->fileSize = info.size();
+    JDEBUG(filePath << " (" << d->fileSize << " bytes) to " << d->serverUrl);
     sendStart();
     return true;
 }
 
 TusState TusUploader::getState() const
 {
-    veltrax::Lock lock(m_mutex);
-    return m_state;
+    veltrax::Lock lock(d->mutex);
+    return d->state;
 }
 
 QString TusUploader::serverFilePath() const
 {
-    veltrax::Lock lock(m_mutex);
-    return m_uploadUrl;
+    veltrax::Lock lock(d->mutex);
+    return d->uploadUrl;
 }
 
 QString& TusUploader::appendMetaData(QString& metaData, const QString& key, const veltrax::Variant& value)
@@ -154,11 +217,11 @@ QString& TusUploader::appendMetaData(QString& metaData, const QString& key, cons
 
 void TusUploader::fillAuthentication(QNetworkRequest& request) const
 {
-    veltrax::Lock lock(m_mutex);
-    if (!m_subscriptionKey.isEmpty())
-        request.setRawHeader(QByteArrayLiteral("Ocp-Apim-Subscription-Key"), m_subscriptionKey.toUtf8());
-    if (!m_bearerToken.isEmpty())
-        request.setRawHeader(QByteArrayLiteral("Authorization"), QByteArrayLiteral("Bearer ") + m_bearerToken.toUtf8());
+    veltrax::Lock lock(d->mutex);
+    if (!d->subscriptionKey.isEmpty())
+        request.setRawHeader(QByteArrayLiteral("Ocp-Apim-Subscription-Key"), d->subscriptionKey.toUtf8());
+    if (!d->bearerToken.isEmpty())
+        request.setRawHeader(QByteArrayLiteral("Authorization"), QByteArrayLiteral("Bearer ") + d->bearerToken.toUtf8());
 }
 
 void TusUploader::breakRequest(QNetworkRequest& request)
@@ -168,135 +231,136 @@ void TusUploader::breakRequest(QNetworkRequest& request)
 
 void TusUploader::sendStart()
 {
-    veltrax::Lock lock(m_mutex);
-    m_state = TusState::Start;
+    veltrax::Lock lock(d->mutex);
+    d->state = TusState::Start;
 
-    QNetworkRequest request {QUrl(m_serverUrl)};
+    QNetworkRequest request {QUrl(d->serverUrl)};
     request.setRawHeader(QByteArrayLiteral("Tus-Resumable"), TusVersion);
-    if (!m_metaData.isEmpty())
-        request.setRawHeader(QByteArrayLiteral("Upload-Metadata"), m_metaData.toUtf8());
+    if (!d->metaData.isEmpty())
+        request.setRawHeader(QByteArrayLiteral("Upload-Metadata"), d->metaData.toUtf8());
     fillAuthentication(request);
-    request.setRawHeader(QByteArrayLiteral("Upload-Length"), QByteArray::number(m_fileSize));
+    request.setRawHeader(QByteArrayLiteral("Upload-Length"), QByteArray::number(d->fileSize));
 
     prepareRequest(request);
-    QNetworkReply* reply = m_netManager->post(request, QByteArray());
-    m_reply = reply;
+    QNetworkReply* reply = d->netManager->post(request, QByteArray());
+    d->reply = reply;
     connect(reply, &QNetworkReply::finished, this, &TusUploader::onCreateFinished);
     connect(reply, &QNetworkReply::errorOccurred, this, &TusUploader::onNetworkError);
 }
 
 void TusUploader::onCreateFinished()
 {
-    veltrax::Lock lock(m_mutex);
-    QNetworkReply* reply = takeFinishedReply(201, __func__, QStringLiteral("creation of %1").arg(m_filePath));
+    veltrax::Lock lock(d->mutex);
+    QNetworkReply* reply = d->takeFinishedReply(qobject_cast<QNetworkReply*>(sender()), 201, __func__, QStringLiteral("creation of %1").arg(d->filePath));
     if (!reply)
         return;
+    d->failures = 0;
 
-    m_location = reply->rawHeader(QByteArrayLiteral("Location"));
-    if (m_location.isEmpty()) {
-        fail(lock, tr("The server created the upload but did not say where it is."));
+    QByteArray location = reply->rawHeader(QByteArrayLiteral("Location"));
+    if (location.isEmpty()) {
+        d->fail(lock, tr("The server created the upload but did not say where it is."));
         return;
     }
     // "//host/path" lacks only the scheme; the server URL's is the one meant. Only the
     // first character is looked at: a path-relative "/path" is not supported.
-    QByteArray location = m_location;
     if (location.startsWith('/'))
-        location.prepend(m_serverUrl.section(QLatin1Char(':'), 0, 0).toUtf8() + ':');
-    m_uploadUrl = QString::fromUtf8(location);
-    JDEBUG(m_filePath << " goes to " << m_uploadUrl);
+        location.prepend(d->serverUrl.section(QLatin1Char(':'), 0, 0).toUtf8() + ':');
+    d->uploadUrl = QString::fromUtf8(location);
+    JDEBUG(d->filePath << " goes to " << d->uploadUrl);
 
-    if (m_fileSize == 0) {
+    if (d->fileSize == 0) {
         // Nothing to send: an empty PATCH would only restate what the creation said.
-        finish(lock);
+        d->finish(lock);
         return;
     }
 
-    closeFile();
-    m_file = new QFile(m_filePath);
-    if (!m_file->open(QIODevice::ReadOnly)) {
-        fail(lock, tr("Cannot open %1: %2").arg(m_filePath, m_file->errorString()));
+    d->closeFile();
+    d->file = new QFile(d->filePath);
+    if (!d->file->open(QIODevice::ReadOnly)) {
+        d->fail(lock, tr("Cannot open %1: %2").arg(d->filePath, d->file->errorString()));
         return;
     }
-    const QString failure = patchNextChunk();
+    const QString failure = d->patchNextChunk();
     if (!failure.isEmpty())
-        fail(lock, failure);
+        d->fail(lock, failure);
 }
 
 void TusUploader::sendPatch()
 {
-    veltrax::Lock lock(m_mutex);
-    const QString failure = patchNextChunk();
+    veltrax::Lock lock(d->mutex);
+    const QString failure = d->patchNextChunk();
     if (!failure.isEmpty())
-        fail(lock, failure);
+        d->fail(lock, failure);
 }
 
-QString TusUploader::patchNextChunk()
+QString TusUploaderPrivate::patchNextChunk()
 {
-    veltrax::Lock lock(m_mutex);
-    if (!m_file)
-        return tr("%1 is not open").arg(m_filePath);
-    m_currentChunkLength = qMin(qMin(m_chunkSize.load(), MaximumChunkBody), m_fileSize - m_offset);
+    veltrax::Lock lock(mutex);
+    if (!file)
+        return TusUploader::tr("%1 is not open").arg(filePath);
+    currentChunkLength = qMin(qMin(chunkSize.load(), TusUploader::MaximumChunkBody), fileSize - offset);
 
-    QNetworkRequest request {QUrl(m_uploadUrl)};
+    QNetworkRequest request {QUrl(uploadUrl)};
     request.setRawHeader(QByteArrayLiteral("Tus-Resumable"), TusVersion);
     request.setRawHeader(QByteArrayLiteral("Connection"), QByteArrayLiteral("keep-alive"));
-    request.setRawHeader(QByteArrayLiteral("Upload-Offset"), QByteArray::number(m_offset));
-    request.setRawHeader(QByteArrayLiteral("Content-Length"), QByteArray::number(m_currentChunkLength));
+    request.setRawHeader(QByteArrayLiteral("Upload-Offset"), QByteArray::number(offset));
+    request.setRawHeader(QByteArrayLiteral("Content-Length"), QByteArray::number(currentChunkLength));
     request.setRawHeader(QByteArrayLiteral("Content-Type"), QByteArrayLiteral("application/offset+octet-stream"));
-    fillAuthentication(request);
+    q->fillAuthentication(request);
 
     // Touching a mapped page beyond the end of the file is a SIGBUS, so a file that shrank
     // since the start is refused here. (One truncated by another process during the copy
     // below is beyond what a read-only mapping can guard against.)
-    const qint64 sizeNow = m_file->size();
-    if (sizeNow < m_offset + m_currentChunkLength)
-        return tr("%1 shrank to %2 bytes during the upload").arg(m_filePath).arg(sizeNow);
+    const qint64 sizeNow = file->size();
+    if (sizeNow < offset + currentChunkLength)
+        return TusUploader::tr("%1 shrank to %2 bytes during the upload").arg(filePath).arg(sizeNow);
 
     // Mapping reads only the pages of this chunk; the one copy into the body lets the
     // mapping go right after hand-over while Qt sends at its own pace.
-    uchar* mapped = m_file->map(m_offset, m_currentChunkLength);
+    uchar* mapped = file->map(offset, currentChunkLength);
     if (!mapped)
-        return tr("Cannot read %1 at %2: %3").arg(m_filePath).arg(m_offset).arg(m_file->errorString());
+        return TusUploader::tr("Cannot read %1 at %2: %3").arg(filePath).arg(offset).arg(file->errorString());
     auto* body = new QBuffer();
     try {
-        body->setData(QByteArray(reinterpret_cast<const char*>(mapped), int(m_currentChunkLength)));
+        body->setData(QByteArray(reinterpret_cast<const char*>(mapped), int(currentChunkLength)));
     } catch (const std::bad_alloc&) {
         delete body;
-        m_file->unmap(mapped);
-        return tr("Not enough memory for a chunk of %1 bytes").arg(m_currentChunkLength);
+        file->unmap(mapped);
+        return TusUploader::tr("Not enough memory for a chunk of %1 bytes").arg(currentChunkLength);
     }
     // Qt reads a QBuffer body straight from its byte array; the buffer is never opened.
     body->close();
 
-    m_state = TusState::Patch;
-    m_chunkStartTime = VxTime_timeStampNow();
+    state = TusState::Patch;
+    chunkStartTime = VxTime_timeStampNow();
 
-    prepareRequest(request);
-    QNetworkReply* reply = m_netManager->sendCustomRequest(request, QByteArrayLiteral("PATCH"), body);
-    m_file->unmap(mapped);
-    body->setParent(reply);
-    m_reply = reply;
-    connect(reply, &QNetworkReply::finished, this, &TusUploader::onPatchFinished);
-    connect(reply, &QNetworkReply::errorOccurred, this, &TusUploader::onNetworkError);
-    connect(reply, &QNetworkReply::uploadProgress, this, &TusUploader::onProgress);
+    q->prepareRequest(request);
+    QNetworkReply* sent = netManager->sendCustomRequest(request, QByteArrayLiteral("PATCH"), body);
+    file->unmap(mapped);
+    body->setParent(sent);
+    reply = sent;
+    QObject::connect(sent, &QNetworkReply::finished, q, &TusUploader::onPatchFinished);
+    QObject::connect(sent, &QNetworkReply::errorOccurred, q, &TusUploader::onNetworkError);
+    QObject::connect(sent, &QNetworkReply::uploadProgress, q, &TusUploader::onProgress);
     return QString();
 }
 
 void TusUploader::onPatchFinished()
 {
-    veltrax::Lock lock(m_mutex);
-    if (!takeFinishedReply(204, __func__, QStringLiteral("chunk at %1 of %2").arg(m_offset).arg(m_filePath)))
+    veltrax::Lock lock(d->mutex);
+    if (!d->takeFinishedReply(qobject_cast<QNetworkReply*>(sender()), 204, __func__, QStringLiteral("chunk at %1 of %2").arg(d->offset).arg(d->filePath)))
         return;
+    d->failures = 0;
 
-    m_offset += m_currentChunkLength;
-    if (m_offset < m_fileSize) {
+    d->offset += d->currentChunkLength;
+    if (d->offset < d->fileSize) {
         // Queued behind the reply's deferred deletion, so that the body just sent is freed
         // before the next chunk is read.
         QMetaObject::invokeMethod(this, &TusUploader::sendPatch, Qt::QueuedConnection);
         return;
     }
 
-    finish(lock);
+    d->finish(lock);
 }
 
 void TusUploader::onNetworkError(QNetworkReply::NetworkError code)
@@ -306,100 +370,112 @@ void TusUploader::onNetworkError(QNetworkReply::NetworkError code)
         return;
     reply->deleteLater();
 
-    veltrax::Lock lock(m_mutex);
-    if (reply != m_reply)
+    veltrax::Lock lock(d->mutex);
+    if (reply != d->reply)
         return;
 
+    // A locked upload or a server in trouble may recover; a refusal will not.
     const int status = httpStatus(reply);
-    if (status != 0) {
+    const bool retryStatus = !d->retryDelays.isEmpty() && (status == 423 || status >= 500);
+    if (status != 0 && !retryStatus) {
         JERROR("server answered " << status);
-        fail(lock, reply->errorString());
+        d->fail(lock, reply->errorString());
         return;
     }
+    if (d->state != TusState::Start && d->state != TusState::Patch)
+        return;
 
-    JALERT(m_filePath << ": network error " << int(code) << " (" << reply->errorString() << ") in state " << int(m_state) << ", resending in " << m_retryDelay
-                      << " ms");
-    if (m_state == TusState::Start)
-        QTimer::singleShot(int(m_retryDelay), this, &TusUploader::sendStart);
-    else if (m_state == TusState::Patch)
-        QTimer::singleShot(int(m_retryDelay), this, &TusUploader::sendPatch);
+    int delay = DefaultRetryDelayMs;
+    if (!d->retryDelays.isEmpty()) {
+        if (d->failures >= d->retryDelays.size()) {
+            d->fail(lock, tr("Gave up after %1 failed attempts, the last with: %2").arg(d->failures + 1).arg(reply->errorString()));
+            return;
+        }
+        delay = d->retryDelays.at(d->failures++);
+    }
+    JALERT(d->filePath << ": network error " << int(code) << " (" << reply->errorString() << ") in state " << int(d->state) << ", resending in " << delay
+                       << " ms");
+    if (d->state == TusState::Start)
+        QTimer::singleShot(delay, this, &TusUploader::sendStart);
+    else
+        QTimer::singleShot(delay, this, &TusUploader::sendPatch);
 }
 
 void TusUploader::onProgress(qint64 bytesSent, qint64 bytesTotal)
 {
-    veltrax::Lock lock(m_mutex);
-    if (sender() != m_reply)
+    veltrax::Lock lock(d->mutex);
+    if (sender() != d->reply)
         return;
     // Qt closes every upload with a (0, 0) report; passed on, it would set the progress
     // back to the start of the chunk just completed.
-    if (bytesSent == 0 && bytesTotal == 0 && m_currentChunkLength > 0)
+    if (bytesSent == 0 && bytesTotal == 0 && d->currentChunkLength > 0)
         return;
-    const qint64 actualSent = bytesSent + m_offset;
-    const int percent = m_fileSize > 0 ? int(actualSent * 100 / m_fileSize) : 100;
-    const qint64 elapsed = qMax<qint64>(1, VxTime_timeStampNow() - m_chunkStartTime);
+    const qint64 actualSent = bytesSent + d->offset;
+    const int percent = d->fileSize > 0 ? int(actualSent * 100 / d->fileSize) : 100;
+    const qint64 elapsed = qMax<qint64>(1, VxTime_timeStampNow() - d->chunkStartTime);
     const qint64 bytesPerSecond = actualSent * 1000 / elapsed;
-    const QString filePath = m_filePath;
+    const QString filePath = d->filePath;
     lock.unlock();
 
     Q_EMIT uploadProgress(filePath, bytesTotal, actualSent, percent, bytesPerSecond);
 }
 
-QNetworkReply* TusUploader::takeFinishedReply(int expectedStatus, const char* caller, const QString& step)
+QNetworkReply* TusUploaderPrivate::takeFinishedReply(QNetworkReply* finished, int expectedStatus, const char* caller, const QString& step)
 {
-    auto* reply = qobject_cast<QNetworkReply*>(sender());
-    if (!reply)
+    if (!finished)
         return nullptr;
-    reply->deleteLater();
-    if (reply != m_reply)
+    finished->deleteLater();
+    if (finished != reply)
         return nullptr; // a request of an earlier upload
-    m_reply = nullptr;
+    reply = nullptr;
 
-    const int status = httpStatus(reply);
+    const int status = httpStatus(finished);
     if (status == expectedStatus)
-        return reply;
+        return finished;
     // Failures are onNetworkError()'s to handle; an unexpected success status waits.
-    if (reply->error() == QNetworkReply::NoError)
+    if (finished->error() == QNetworkReply::NoError)
         JLOG_TO(gJournal, caller, JLL_ALERT, step << " answered " << status << ", not " << expectedStatus << "; waiting");
     return nullptr;
 }
 
-void TusUploader::finish(veltrax::Lock& lock)
+void TusUploaderPrivate::finish(veltrax::Lock& lock)
 {
-    JDEBUG(m_filePath << " complete, " << m_fileSize << " bytes");
+    JDEBUG(filePath << " complete, " << fileSize << " bytes");
     end(lock, TusState::Finish, QString());
 }
 
-void TusUploader::fail(veltrax::Lock& lock, const QString& reason)
+void TusUploaderPrivate::fail(veltrax::Lock& lock, const QString& reason)
 {
-    JERROR(m_filePath << ": " << reason);
+    JERROR(filePath << ": " << reason);
     end(lock, TusState::Error, reason);
 }
 
-void TusUploader::end(veltrax::Lock& lock, TusState state, const QString& reason)
+void TusUploaderPrivate::end(veltrax::Lock& lock, TusState endState, const QString& reason)
 {
     // Callers are slots entered from the event loop, so this lock is the only hold.
-    Q_ASSERT(m_mutex.recursionCount() == 1);
-    m_state = state;
+    Q_ASSERT(mutex.recursionCount() == 1);
+    state = endState;
     closeFile();
-    const QString filePath = m_filePath;
-    const bool deleteSelf = m_deleteOnFinished;
+    const QString path = filePath;
+    const bool deleteSelf = deleteOnFinished;
     lock.unlock();
 
-    // A slot may delete us.
-    QPointer<TusUploader> self(this);
-    if (state == TusState::Finish)
-        Q_EMIT uploadFinished(filePath);
+    // A slot may delete us, and this private part with us.
+    TusUploader* const uploader = q;
+    QPointer<TusUploader> self(uploader);
+    if (endState == TusState::Finish)
+        Q_EMIT uploader->uploadFinished(path);
     else
-        Q_EMIT uploadFailed(filePath, reason);
+        Q_EMIT uploader->uploadFailed(path, reason);
     if (self && deleteSelf)
-        deleteLater();
+        uploader->deleteLater();
 }
 
-void TusUploader::closeFile()
+void TusUploaderPrivate::closeFile()
 {
-    if (m_file) {
-        m_file->close();
-        m_file->deleteLater();
-        m_file = nullptr;
+    if (file) {
+        file->close();
+        file->deleteLater();
+        file = nullptr;
     }
 }

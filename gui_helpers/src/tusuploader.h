@@ -8,16 +8,16 @@
 #include "netmanager.h"
 
 #include <QByteArray>
+#include <QList>
 #include <QNetworkReply>
 #include <QObject>
-#include <QPointer>
 #include <QString>
 
-#include <atomic>
 #include <iosfwd>
+#include <memory>
 
-class QFile;
 class QNetworkRequest;
+class TusUploaderPrivate;
 
 namespace veltrax
 {
@@ -45,16 +45,17 @@ GUI_HELPERS_EXPORT std::ostream& operator<<(std::ostream& stream, TusState state
  *
  * Failures:
  * - A transport failure (connection refused, reset, host not found, time-out, TLS) resends
- *   the step that failed, unchanged, after 5000 ms, as often as it takes. A PATCH is resent
- *   at the offset the server last acknowledged; nothing asks the server for its offset, so
- *   if it had kept part of the lost chunk it answers 409 and the upload fails. With a chunk
- *   larger than the socket buffers that early 409 can be cut off before Qt reads it, and
- *   the resend then repeats every 5000 ms until the object is deleted: a host that wants
- *   to survive a server dying mid-chunk keeps chunks small or sets a deadline of its own.
+ *   the step that failed, unchanged, after 5000 ms, as often as it takes (setRetryDelays()
+ *   sets other delays and a limit). A PATCH is resent at the offset the server last acknowledged; nothing
+ *   asks the server for its offset, so if it had kept part of the lost chunk it answers
+ *   409 and the upload fails. With a chunk larger than the socket buffers that early 409
+ *   can be cut off before Qt reads it, and the resend then repeats until the object is
+ *   deleted: a host that wants to survive a server dying mid-chunk keeps chunks small or
+ *   sets retry delays.
  * - An HTTP error status ends the upload: state Error and uploadFailed() with the reply's
- *   error text. A server that answers and closes the connection before it has read a
- *   large body (an unknown upload URL, say) looks like a broken connection to Qt, and is
- *   retried as one.
+ *   error text (with retry delays set, 423 and 5xx are retried instead). A server that
+ *   answers and closes the connection before it has read a large body (an unknown upload
+ *   URL, say) looks like a broken connection to Qt, and is retried as one.
  * - A creation reply other than 201, or a chunk reply other than 204, that Qt does not
  *   count as an error (a redirect, a 200 from a server that is not tus) is only logged; the
  *   upload then stays in its state and a new start is refused until the object goes.
@@ -102,6 +103,21 @@ public:
     void setAuthentication(const QString& bearerToken, const QString& subscriptionKey);
     /** Destroy the uploader (deferred) once an upload has finished or failed. */
     void setDeleteOnFinished(bool deleteOnFinished);
+
+    /** The wait before a failed step is resent when no retry delays are set. */
+    static constexpr int DefaultRetryDelayMs = 5000;
+    /**
+     * How failed steps are resent. Empty (the default): every transport failure is retried
+     * after DefaultRetryDelayMs, without limit, and every HTTP error status ends the upload.
+     * Non-empty: the n-th consecutive failure (counted from 0) waits @p delaysMs[n] before
+     * its step is resent; the failure after the last delay ends the upload with
+     * uploadFailed(), whose reason names the last error. Any progress the server
+     * acknowledges (a created upload, a stored chunk) starts the count again. With a list
+     * set, answers 423 (locked) and 5xx count as failures to retry too; other 4xx answers
+     * still end the upload at once. A negative wait counts as 0. Takes effect from the
+     * next failure on.
+     */
+    void setRetryDelays(const QList<int>& delaysMs);
 
     /**
      * Starts uploading @p filePath with the "Upload-Metadata" value @p metaData (built with
@@ -165,44 +181,6 @@ private Q_SLOTS:
 
 private:
     Q_DISABLE_COPY(TusUploader)
-
-    /** Sends the chunk at the acknowledged offset; returns why it could not, or empty. */
-    QString patchNextChunk();
-    /**
-     * The reply that sent finished(), when it is the request in flight and answered
-     * @p expectedStatus; otherwise null, and @p step's unexpected status is logged for
-     * @p caller. The reply is deleted later in every case. Call with the lock held.
-     */
-    QNetworkReply* takeFinishedReply(int expectedStatus, const char* caller, const QString& step);
-    /** Ends the upload in state Finish and reports it; call with the lock held once. */
-    void finish(veltrax::Lock& lock);
-    /** Ends the upload in state Error and reports @p reason; call with the lock held once. */
-    void fail(veltrax::Lock& lock, const QString& reason);
-    /** What finish() and fail() share: the state, the file, the signal, deleteOnFinished. */
-    void end(veltrax::Lock& lock, TusState state, const QString& reason);
-    void closeFile();
-
-    const QString m_serverUrl;
-    QString m_uploadUrl;
-    QString m_filePath;
-    TusState m_state = TusState::Init;
-    qint64 m_fileSize = 0;
-    qint64 m_offset = 0;
-    // Set without the lock, so atomic.
-    std::atomic<qint64> m_chunkSize {DefaultChunkSize};
-    qint64 m_currentChunkLength = 0;
-    QFile* m_file = nullptr;
-    qint64 m_chunkStartTime = 0;
-    veltrax::NetManager m_netManager;
-    QString m_metaData;
-    QByteArray m_location;
-    QString m_bearerToken;
-    QString m_subscriptionKey;
-    bool m_deleteOnFinished = false;
-    mutable veltrax::Mutex m_mutex;
-    const qint64 m_retryDelay = 5000;
-
-    // The request in flight; a PATCH owns its body, which must live as long as the reply
-    // may read it (Qt may still ask for data after an early error answer).
-    QPointer<QNetworkReply> m_reply;
+    friend class TusUploaderPrivate;
+    std::unique_ptr<TusUploaderPrivate> const d;
 };

@@ -9,6 +9,7 @@
 #include <QList>
 #include <QNetworkRequest>
 
+#include <algorithm>
 #include <functional>
 
 class HookedUploader : public TusUploader
@@ -36,19 +37,15 @@ public:
     QList<qint64> patchOffsets() const
     {
         QList<qint64> offsets;
-        for (const Prepared& p : prepared) {
-            if (p.patch)
-                offsets.append(p.offset);
-        }
+        for (const Prepared& p : prepared)
+            p.patch ? offsets.append(p.offset) : void();
         return offsets;
     }
-
     int creations() const
     {
-        int n = 0;
-        for (const Prepared& p : prepared)
-            n += p.patch ? 0 : 1;
-        return n;
+        return int(std::count_if(prepared.begin(), prepared.end(), [](const Prepared& p) {
+            return !p.patch;
+        }));
     }
 
     std::function<void(QNetworkRequest&, const Prepared&)> hook;

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: MIT
+//
+// A small HTTP server in the test process that answers from a table of canned replies.
+#pragma once
+
+#include <QByteArray>
+#include <QHash>
+#include <QList>
+#include <QMap>
+#include <QPointer>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTimer>
+
+/** One canned answer of the HTTP responder. */
+struct Route {
+    int status = 200;
+    QByteArray reason = "OK";
+    QByteArray body;
+    QByteArray extraHeaders;
+    // When set, the body goes out in pieces of these sizes, 300 ms apart, and the
+    // connection then stalls with the rest unsent.
+    QList<int> pieces;
+};
+
+/** Answers requests on 127.0.0.1 from a table of paths (query included); 404 otherwise. */
+class HttpResponder
+{
+public:
+    bool listen()
+    {
+        QObject::connect(&m_server, &QTcpServer::newConnection, [this] {
+            while (QTcpSocket* socket = m_server.nextPendingConnection())
+                QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket] {
+                    serve(socket);
+                });
+        });
+        return m_server.listen(QHostAddress::LocalHost);
+    }
+    QString url(const QByteArray& path) const { return QStringLiteral("http://127.0.0.1:%1").arg(m_server.serverPort()) + QLatin1String(path); }
+    QMap<QByteArray, Route> routes;
+
+private:
+    void serve(QTcpSocket* socket)
+    {
+        QByteArray& request = m_pending[socket];
+        request += socket->readAll();
+        if (!request.contains("\r\n\r\n"))
+            return;
+        const Route route = routes.value(request.split(' ').value(1), Route {404, "Not Found", "no such file"});
+        request.clear();
+        socket->write("HTTP/1.1 " + QByteArray::number(route.status) + ' ' + route.reason + "\r\nContent-Length: " + QByteArray::number(route.body.size())
+            + "\r\n" + route.extraHeaders + (route.pieces.isEmpty() ? "Connection: close\r\n" : "") + "\r\n");
+        if (route.pieces.isEmpty()) {
+            socket->write(route.body);
+            socket->disconnectFromHost();
+            return;
+        }
+        QPointer<QTcpSocket> guarded(socket);
+        for (int i = 0, offset = 0; i < route.pieces.size(); offset += route.pieces.at(i++)) {
+            const QByteArray piece = route.body.mid(offset, route.pieces.at(i));
+            QTimer::singleShot(300 * i, socket, [guarded, piece] {
+                if (guarded)
+                    guarded->write(piece);
+            });
+        }
+    }
+
+    QTcpServer m_server;
+    QHash<QTcpSocket*, QByteArray> m_pending;
+};
