@@ -28,13 +28,13 @@ struct Fixture {
     GridSplitter* splitter = nullptr;
     QWidget* children[2][2] = {};
 
-    explicit Fixture(int rows = 2, int columns = 2)
+    Fixture()
     {
         window.resize(side + 2 * offset, side + 2 * offset);
         splitter = new GridSplitter(&window);
         splitter->setGeometry(offset, offset, side, side);
-        for (int r = 0; r < rows; ++r) {
-            for (int c = 0; c < columns; ++c) {
+        for (int r = 0; r < 2; ++r) {
+            for (int c = 0; c < 2; ++c) {
                 children[r][c] = new QWidget;
                 splitter->grid()->addWidget(children[r][c], r, c);
             }
