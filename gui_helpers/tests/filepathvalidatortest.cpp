@@ -66,6 +66,7 @@ private Q_SLOTS:
         QTest::newRow("too long and a star") << repeated('a', 299) + "*" << false << 0 << prefix + repeated('a', 299) + "_";
         QTest::newRow("too long and a reserved word") << repeated('d', 300) + "/con" << false << -1 << prefix + repeated('d', 300) + "/___";
 
+        // Upper and mixed case: "Com1.txt" and "CLOCK$".
         QTest::newRow("con") << "con" << true << -1 << "___";
         QTest::newRow("Com1.txt") << "Com1.txt" << true << -1 << "____.txt";
         QTest::newRow("CLOCK$") << "CLOCK$" << true << -1 << "______";
