@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "demoservices.h"
 
-#include "democertificateauthority.h"
+#include "certificateauthority.h"
 #include "demooptions.h"
-#include "embeddedupdateserver.h"
 #include "journaller.h"
 #include "localhttpserver.h"
+#include "referenceupdateserver.h"
 #include "settingsfile.h"
 #include "watchdog.h"
 
@@ -66,7 +66,7 @@ bool DemoServices::start()
         m_updateServer.serverAddress = m_options.serverHost;
         m_updateServer.port = m_options.serverPort;
     }
-    if (!m_options.caFile.isEmpty() && !DemoCertificateAuthority::trustInThisProcess(m_options.caFile, &m_error))
+    if (!m_options.caFile.isEmpty() && !trustCertificateAuthorities(m_options.caFile, &m_error))
         return false;
     m_tusUrl = m_options.embeddedTus() ? m_http->tusUrl() : m_options.tusUrl;
     return true;
@@ -91,7 +91,7 @@ bool DemoServices::startHttpServer()
 bool DemoServices::startEmbeddedUpdateServer()
 {
     Watchdog::setStage("looking for gui_helpers_update_server");
-    const QString program = EmbeddedUpdateServer::findProgram(m_options.updateServerProgram);
+    const QString program = ReferenceUpdateServer::findProgram(m_options.updateServerProgram);
     if (program.isEmpty()) {
         m_error = m_options.updateServerProgram.isEmpty()
             ? QStringLiteral("gui_helpers_update_server was not found next to the demo nor in the build tree; build it, or pass --server")
@@ -100,13 +100,11 @@ bool DemoServices::startEmbeddedUpdateServer()
     }
 
     Watchdog::setStage("making the demo certificate authority with openssl");
-    DemoCertificateAuthority authority;
-    if (!authority.create(m_workDir.filePath(QStringLiteral("tls")))) {
-        m_error = authority.errorString();
+    m_authority = std::make_unique<CertificateAuthority>();
+    if (!m_authority->create(m_workDir.filePath(QStringLiteral("tls")), QStringLiteral("/O=Veltrax demo/CN=gui_helpers demo CA (this run only)"))) {
+        m_error = m_authority->errorString();
         return false;
     }
-    if (!DemoCertificateAuthority::trustInThisProcess(authority.caCertificatePath(), &m_error))
-        return false;
 
     // The catalogue, with the installers' addresses on the local HTTP server.
     const QString downloads = m_http->baseUrl() + QStringLiteral("/installers");
@@ -137,21 +135,23 @@ bool DemoServices::startEmbeddedUpdateServer()
 
     Watchdog::setStage("starting gui_helpers_update_server");
     m_inbox = QDir(QStandardPaths::writableLocation(QStandardPaths::AppDataLocation)).filePath(QStringLiteral("server-inbox"));
-    m_embeddedServer = std::make_unique<EmbeddedUpdateServer>();
-    connect(m_embeddedServer.get(), &EmbeddedUpdateServer::logLine, this, [](const QString& line) {
+    m_embeddedServer = std::make_unique<ReferenceUpdateServer>(m_authority.get());
+    m_embeddedServer->setProgram(program);
+    m_embeddedServer->setCatalogueFile(cataloguePath);
+    m_embeddedServer->setInboxPath(m_inbox);
+    connect(&m_embeddedServer->process(), &ServerProcess::lineRead, this, [](const QString& line) {
         JLOG_TO(gJournal, "gui_helpers_update_server", JLL_DEBUG, line);
     });
-    connect(m_embeddedServer.get(), &EmbeddedUpdateServer::processStarted, this, [](qint64 pid) {
+    connect(&m_embeddedServer->process(), &ServerProcess::processStarted, this, [](qint64 pid) {
         Watchdog::setChildProcess(pid);
     });
-    if (!m_embeddedServer->start(program, authority.serverCertificatePath(), authority.serverKeyPath(), cataloguePath, m_inbox)) {
+    if (!m_embeddedServer->start()) {
         m_error = m_embeddedServer->errorString();
         m_embeddedServer.reset();
         Watchdog::setChildProcess(0);
         return false;
     }
-    m_updateServer.serverAddress = m_embeddedServer->host();
-    m_updateServer.port = m_embeddedServer->port();
+    m_updateServer = m_embeddedServer->options();
     JDEBUG("embedded update server " << program << " on " << m_updateServer.serverAddress << ':' << m_updateServer.port);
     return true;
 }

@@ -13,8 +13,9 @@
 
 #include <memory>
 
-class EmbeddedUpdateServer;
+class CertificateAuthority;
 class LocalHttpServer;
+class ReferenceUpdateServer;
 struct DemoOptions;
 
 /**
@@ -57,8 +58,6 @@ public:
     QStringList installerUrls() const { return m_installerUrls; }
     /** The embedded HTTP server (null when both servers are external). */
     LocalHttpServer* httpServer() const { return m_http.get(); }
-    /** The embedded update server (null when external). */
-    EmbeddedUpdateServer* embeddedServer() const { return m_embeddedServer.get(); }
 
     /** The demo catalogue with @p downloadBase in place of its placeholder. */
     static QByteArray catalogueText(const QString& downloadBase);
@@ -70,7 +69,8 @@ private:
     const DemoOptions& m_options;
     QTemporaryDir m_workDir;
     std::unique_ptr<LocalHttpServer> m_http;
-    std::unique_ptr<EmbeddedUpdateServer> m_embeddedServer;
+    std::unique_ptr<CertificateAuthority> m_authority;
+    std::unique_ptr<ReferenceUpdateServer> m_embeddedServer;
     UpdateServerOptions m_updateServer;
     QString m_tusUrl;
     QString m_inbox;

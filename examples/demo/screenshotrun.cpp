@@ -9,47 +9,32 @@
 #include "localhttpserver.h"
 #include "mainwindow.h"
 #include "netmanager.h"
+#include "runevents.h"
 #include "watchdog.h"
 
 #include <QApplication>
 #include <QDate>
-#include <QDeadlineTimer>
 #include <QDir>
-#include <QEventLoop>
 #include <QFile>
+#include <QImage>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QPixmap>
+#include <QSet>
 #include <QSettings>
 #include <QStandardPaths>
-#include <QTimer>
 #include <QWidget>
 
 #include <algorithm>
 #include <cstdio>
-#include <functional>
 
 namespace
 {
 
-/** Runs the event loop until @p done() or the time-out; whether @p done() became true. */
-bool waitUntil(const std::function<bool()>& done, int timeoutMs)
-{
-    const QDeadlineTimer deadline(timeoutMs);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QEventLoop loop;
-        QTimer::singleShot(20, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return true;
-}
-
 /** Lets queued work (layouts, queued signals) run for a moment. */
 void settle(int ms = 100)
 {
-    waitUntil(
+    runEventsUntil(
         [] {
             return false;
         },
@@ -92,6 +77,17 @@ bool ScreenshotRun::save(QWidget* widget, const QString& fileName)
         failure(QStringLiteral("cannot write %1").arg(path));
         return false;
     }
+    // Drawn widgets (text, frames, icons) give many colours; a window left empty gives one.
+    const QImage image = pixmap.toImage();
+    QSet<QRgb> colours;
+    for (int y = 0; y < image.height(); y += 3) {
+        for (int x = 0; x < image.width(); x += 3)
+            colours.insert(image.pixel(x, y));
+    }
+    if (image.width() < 400 || image.height() < 300 || colours.size() < 16) {
+        failure(QStringLiteral("%1 looks empty (%2x%3, %4 colours)").arg(path).arg(image.width()).arg(image.height()).arg(colours.size()));
+        return false;
+    }
     report(QStringLiteral("screenshot: %1 (%2x%3)").arg(path).arg(pixmap.width()).arg(pixmap.height()));
     return true;
 }
@@ -109,7 +105,7 @@ void ScreenshotRun::checkForUpdates(MainWindow& window)
         answered = failed = true;
     });
     window.checkForUpdates();
-    const bool inTime = waitUntil(
+    const bool inTime = runEventsUntil(
         [&] {
             return answered;
         },
@@ -152,7 +148,7 @@ void ScreenshotRun::checkForUpdates(MainWindow& window)
         QNetworkRequest request {QUrl(newest->url)};
         request.setTransferTimeout(10000);
         QNetworkReply* reply = manager->head(request);
-        waitUntil(
+        runEventsUntil(
             [reply] {
                 return reply->isFinished();
             },
@@ -177,7 +173,7 @@ void ScreenshotRun::checkForUpdates(MainWindow& window)
     const auto firmwareOf = [](const QString& key) {
         return QSettings().value(QStringLiteral("firmwareVersions/") + key).toString();
     };
-    if (waitUntil(
+    if (runEventsUntil(
             [&] {
                 return std::all_of(keys.cbegin(), keys.cend(), [&](const QString& key) {
                     return !firmwareOf(key).isEmpty();
@@ -220,10 +216,22 @@ void ScreenshotRun::sendUsageData()
     }
     QString where;
     if (!m_context.services->inboxDirectory().isEmpty()) {
-        const int logs = QDir(m_context.services->inboxDirectory()).entryList({QStringLiteral("*.log")}, QDir::Files).size();
+        // The embedded server keeps what arrived: this session's log must be there whole, header to closing event.
+        const QDir inbox(m_context.services->inboxDirectory());
+        const QStringList logs = inbox.entryList({QStringLiteral("*.log")}, QDir::Files);
+        const QByteArray closing = ' ' + usage->closingEvent().toUtf8() + '\n';
+        const bool arrivedWhole = std::any_of(logs.cbegin(), logs.cend(), [&](const QString& name) {
+            QFile log(inbox.filePath(name));
+            const QByteArray text = log.open(QIODevice::ReadOnly) ? log.readAll() : QByteArray();
+            return text.startsWith("Version ") && text.contains("\nAnonRefID: ") && text.contains(" Screenshots requested\n") && text.contains(closing);
+        });
+        if (!arrivedWhole) {
+            failure(QStringLiteral("the server's inbox %1 holds no whole copy of this session's log").arg(inbox.path()));
+            return;
+        }
         where = QStringLiteral("; the server's inbox %1 holds %2 log(s)%3")
                     .arg(m_context.services->inboxDirectory())
-                    .arg(logs)
+                    .arg(logs.size())
                     .arg(m_context.throwawayProfile ? QStringLiteral(" (removed at exit; --profile DIR keeps it)") : QString());
     }
     report(QStringLiteral("usage data: sent, the server accepted the finished logs%1").arg(where));
@@ -241,7 +249,7 @@ void ScreenshotRun::upload(MainWindow& window)
         message = text;
     });
     window.uploadSample();
-    const bool inTime = waitUntil(
+    const bool inTime = runEventsUntil(
         [&] {
             return ended;
         },

@@ -28,21 +28,15 @@ struct Fixture {
     GridSplitter* splitter = nullptr;
     QWidget* children[2][2] = {};
 
-    explicit Fixture(int rows = 2, int columns = 2)
+    Fixture()
     {
         window.resize(side + 2 * offset, side + 2 * offset);
         splitter = new GridSplitter(&window);
         splitter->setGeometry(offset, offset, side, side);
-        for (int r = 0; r < rows; ++r) {
-            for (int c = 0; c < columns; ++c) {
-                auto* child = new QWidget;
-                child->setObjectName(QStringLiteral("child%1%2").arg(r).arg(c));
-                child->setAutoFillBackground(true);
-                QPalette palette = child->palette();
-                palette.setColor(QPalette::Window, QColor::fromHsv(60 * (2 * r + c), 120, 230));
-                child->setPalette(palette);
-                splitter->grid()->addWidget(child, r, c);
-                children[r][c] = child;
+        for (int r = 0; r < 2; ++r) {
+            for (int c = 0; c < 2; ++c) {
+                children[r][c] = new QWidget;
+                splitter->grid()->addWidget(children[r][c], r, c);
             }
         }
         splitter->resetGrid(-1, -1);
@@ -263,11 +257,6 @@ private Q_SLOTS:
         m_f->move(QPoint(rowGap.x(), 20));
         m_f->release(QPoint(rowGap.x(), 20));
         QCOMPARE(m_f->rowStretch(0), 10000);
-
-        // The widgets can be laid out again.
-        m_f->splitter->grid()->addWidget(m_f->children[0][0], 0, 0);
-        m_f->splitter->grid()->addWidget(m_f->children[1][0], 1, 0);
-        QCOMPARE(m_f->splitter->grid()->count(), 2);
     }
 
     void paintsOnlyInnerGapLines()
@@ -287,8 +276,6 @@ private Q_SLOTS:
         // The rest of the gaps is the window colour.
         for (const QPoint p : {QPoint(50, 101), QPoint(101, 50), QPoint(150, 100)})
             QVERIFY2(image.pixel(p) == window, qPrintable(QStringLiteral("%1,%2").arg(p.x()).arg(p.y())));
-        // Children paint themselves.
-        QCOMPARE(image.pixel(50, 50), m_f->children[0][0]->palette().color(QPalette::Window).rgb());
     }
 
 private:

@@ -54,59 +54,13 @@ private Q_SLOTS:
         QCOMPARE(m_liveObjects(), 0);
     }
 
-    void everyEntryPointIsResolvedByName()
-    {
-        Udev lib;
-        QVERIFY(lib.isLoaded());
-        udev* context = lib.unew();
-        QVERIFY(context);
-        udev_enumerate* enumerate = lib.enumerate_new(context);
-        QVERIFY(enumerate);
-        QCOMPARE(lib.enumerate_add_match_subsystem(enumerate, "tty"), 0);
-        QCOMPARE(lib.enumerate_scan_devices(enumerate), 0);
-        udev_list_entry* entry = lib.enumerate_get_list_entry(enumerate);
-        QVERIFY(entry);
-        QCOMPARE(lib.list_entry_get_name(entry), "/sys/devices/pnp0/00:04/tty/ttyS0");
-        QVERIFY(lib.list_entry_get_next(entry));
-        udev_device* device = lib.device_new_from_syspath(context, lib.list_entry_get_name(entry));
-        QVERIFY(device);
-        QCOMPARE(lib.device_get_devnode(device), "/dev/ttyS0");
-        QVERIFY(lib.device_get_parent(device));
-        QCOMPARE(lib.device_get_parent_with_subsystem_devtype(device, "usb", "usb_device"), lib.device_get_parent(device));
-        QCOMPARE(lib.device_get_sysattr_value(device, "product"), "Stand-in port");
-        QCOMPARE(m_liveObjects(), 3);
-        QVERIFY(!lib.device_unref(device));
-        QVERIFY(!lib.enumerate_unref(enumerate));
-        QVERIFY(!lib.unref(context));
-        QCOMPARE(m_liveObjects(), 0);
-    }
-
-    // The partial stand-in exports only udev_new and udev_unref.
-    void missingEntryPointsGiveNullResults()
+    // The forwarders are used, and so covered, by the enumeration above; here every one the
+    // enumeration needs after udev_new is missing (the partial stand-in exports only
+    // udev_new and udev_unref), and none of them may be called through a null pointer.
+    void missingEntryPointsGiveNoPorts()
     {
         const auto path = libraryPath(QByteArrayLiteral(UDEV_STANDIN_PARTIAL_DIR));
-        Udev lib;
-        QVERIFY(lib.isLoaded());
-        udev* context = lib.unew();
-        QVERIFY(context);
-        auto* fakeEnumerate = reinterpret_cast<udev_enumerate*>(context);
-        auto* fakeDevice = reinterpret_cast<udev_device*>(context);
-        auto* fakeEntry = reinterpret_cast<udev_list_entry*>(context);
-        QVERIFY(!lib.enumerate_new(context));
-        QCOMPARE(lib.enumerate_add_match_subsystem(fakeEnumerate, "tty"), -1);
-        QCOMPARE(lib.enumerate_scan_devices(fakeEnumerate), -1);
-        QVERIFY(!lib.enumerate_get_list_entry(fakeEnumerate));
-        QVERIFY(!lib.enumerate_unref(fakeEnumerate));
-        QVERIFY(!lib.list_entry_get_next(fakeEntry));
-        QVERIFY(!lib.list_entry_get_name(fakeEntry));
-        QVERIFY(!lib.device_new_from_syspath(context, "/sys"));
-        QVERIFY(!lib.device_get_parent(fakeDevice));
-        QVERIFY(!lib.device_get_devnode(fakeDevice));
-        QVERIFY(!lib.device_get_parent_with_subsystem_devtype(fakeDevice, "usb", nullptr));
-        QVERIFY(!lib.device_get_sysattr_value(fakeDevice, "product"));
-        QVERIFY(!lib.device_unref(fakeDevice));
-        QVERIFY(!lib.unref(context));
-
+        QVERIFY(Udev().isLoaded());
         QCOMPARE(qEnumerateSerialPorts(), QStringList());
     }
 

@@ -186,19 +186,4 @@ STANDIN_EXPORT const char* udev_device_get_devnode(struct udev_device* device)
     return devices[device->index].devnode;
 }
 
-STANDIN_EXPORT struct udev_device* udev_device_get_parent_with_subsystem_devtype(struct udev_device* device, const char* subsystem, const char* devtype)
-{
-    (void)devtype;
-    if (!subsystem || strcmp(subsystem, "usb") != 0)
-        return NULL;
-    return udev_device_get_parent(device);
-}
-
-STANDIN_EXPORT const char* udev_device_get_sysattr_value(struct udev_device* device, const char* sysattr)
-{
-    if (!device || !sysattr || strcmp(sysattr, "product") != 0)
-        return NULL;
-    return "Stand-in port";
-}
-
 #endif /* UDEV_STANDIN_PARTIAL */

@@ -1,49 +1,24 @@
 // SPDX-License-Identifier: MIT
 //
-// Throwaway TLS material for tests: a certificate authority and a server certificate for
-// localhost / 127.0.0.1 signed by it, made with the openssl command-line tool in a
-// temporary directory that disappears with the object.
+// Throwaway TLS material for tests, in a temporary directory that disappears with the object.
 #pragma once
 
-#include <QList>
-#include <QSslCertificate>
-#include <QSslKey>
-#include <QString>
+#include "certificateauthority.h"
+
 #include <QTemporaryDir>
 
-class TestCertificates
+class TestCertificates : public CertificateAuthority
 {
 public:
-    TestCertificates();
-    TestCertificates(const TestCertificates&) = delete;
-    TestCertificates& operator=(const TestCertificates&) = delete;
-
-    /**
-     * Makes the CA and the server certificate (about a second). False, with the reason in
-     * errorString(), when openssl is missing or fails.
-     */
-    bool create();
-
-    QString caCertificatePath() const { return m_dir.filePath(QStringLiteral("ca.pem")); }
-    QString serverCertificatePath() const { return m_dir.filePath(QStringLiteral("server.pem")); }
-    QString serverKeyPath() const { return m_dir.filePath(QStringLiteral("server.key")); }
-
-    QSslCertificate caCertificate() const;
-    QSslCertificate serverCertificate() const;
-    QSslKey serverKey() const;
-    QString errorString() const { return m_error; }
+    /** Makes the CA and the server certificate; false, with errorString(), when openssl fails. */
+    bool create() { return m_dir.isValid() && CertificateAuthority::create(m_dir.path()); }
 
 private:
-    /** Runs openssl in the directory with @p command's arguments (quoted as in a shell). */
-    bool runOpenssl(const QString& command);
-
     QTemporaryDir m_dir;
-    QString m_error;
 };
 
-/**
- * Adds @p ca to the CA certificates of Qt's default SSL configuration, for this process
- * only, so that peers signed by it verify with the toolkit's normal checks. Adding the
- * same certificate twice is harmless.
- */
-void trustCertificateAuthority(const QSslCertificate& ca);
+/** Trusts @p ca in this process, as trustCertificateAuthorities() does. */
+inline void trustCertificateAuthority(const QSslCertificate& ca)
+{
+    trustCertificateAuthorities(QList<QSslCertificate> {ca});
+}

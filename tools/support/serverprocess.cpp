@@ -1,13 +1,21 @@
 // SPDX-License-Identifier: MIT
 #include "serverprocess.h"
+#include "runevents.h"
 
+#include <QFileInfo>
 #include <QRegularExpression>
-#include <QTest>
 
-// The waits run the calling thread's event loop (QTest::qWaitFor): clients under test often
-// live on this thread and must keep talking while we wait for the server's output.
+namespace
+{
+// A chatty server must not fill our memory.
+constexpr int MaxLines = 10000;
+} // namespace
 
-ServerProcess::ServerProcess() = default;
+ServerProcess::ServerProcess(QObject* parent)
+    : QObject(parent)
+{
+    connect(&m_process, &QProcess::readyReadStandardOutput, this, &ServerProcess::collect);
+}
 
 ServerProcess::~ServerProcess()
 {
@@ -21,8 +29,12 @@ void ServerProcess::collect()
     m_stderr += m_process.readAllStandardError();
     int nl;
     while ((nl = m_partial.indexOf('\n')) >= 0) {
-        m_lines.append(QString::fromUtf8(m_partial.left(nl)).trimmed());
+        const QString line = QString::fromUtf8(m_partial.left(nl)).trimmed();
         m_partial.remove(0, nl + 1);
+        if (m_lines.size() >= MaxLines)
+            m_lines.removeFirst();
+        m_lines.append(line);
+        Q_EMIT lineRead(line);
     }
 }
 
@@ -32,11 +44,14 @@ bool ServerProcess::start(const QString& program, const QStringList& arguments, 
     m_partial.clear();
     m_stderr.clear();
     m_error.clear();
+    m_host.clear();
+    m_port = 0;
     m_process.start(program, arguments);
     if (!m_process.waitForStarted(timeoutMs)) {
         m_error = QStringLiteral("%1 did not start: %2").arg(program, m_process.errorString());
         return false;
     }
+    Q_EMIT processStarted(m_process.processId());
     const QRegularExpression address(QRegularExpression::escape(readyMarker) + QStringLiteral("(\\S+):(\\d+)"));
     QRegularExpressionMatch match;
     const auto ready = [&] {
@@ -47,16 +62,17 @@ bool ServerProcess::start(const QString& program, const QStringList& arguments, 
         }
         return !isRunning();
     };
-    if (QTest::qWaitFor(ready, timeoutMs) && match.hasMatch()) {
+    if (runEventsUntil(ready, timeoutMs) && match.hasMatch()) {
         m_host = match.captured(1);
         m_port = static_cast<quint16>(match.captured(2).toUInt());
         return true;
     }
+    const QString name = QFileInfo(program).fileName();
     if (isRunning()) {
-        m_error = QStringLiteral("%1 did not report \"%2\" within %3 ms").arg(program, readyMarker).arg(timeoutMs);
+        m_error = QStringLiteral("%1 did not report \"%2\" within %3 ms").arg(name, readyMarker).arg(timeoutMs);
         stop(2000);
     } else {
-        m_error = QStringLiteral("%1 exited with code %2: %3").arg(program).arg(m_process.exitCode()).arg(QString::fromLocal8Bit(m_stderr));
+        m_error = QStringLiteral("%1 exited at start with code %2: %3").arg(name).arg(m_process.exitCode()).arg(QString::fromLocal8Bit(m_stderr).trimmed());
     }
     return false;
 }
@@ -79,7 +95,11 @@ bool ServerProcess::stop(int timeoutMs)
 QStringList ServerProcess::outputLines(int waitMs)
 {
     if (waitMs > 0 && isRunning())
-        QTest::qWait(waitMs);
+        runEventsUntil(
+            [] {
+                return false;
+            },
+            waitMs);
     collect();
     return m_lines;
 }
@@ -90,7 +110,7 @@ bool ServerProcess::waitForOutputLine(const QString& text, int timeoutMs)
         collect();
         return !m_lines.filter(text).isEmpty();
     };
-    return QTest::qWaitFor(
+    return runEventsUntil(
                [&] {
                    return seen() || !isRunning();
                },
