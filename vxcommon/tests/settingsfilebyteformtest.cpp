@@ -2,7 +2,6 @@
 #include "settingsfile.h"
 #include "variantsamples.h"
 
-#include <QRandomGenerator>
 #include <QTest>
 
 using veltrax::SettingsFile;
@@ -28,6 +27,7 @@ VxByteArray serialized(const SettingsFile& tree)
 }
 
 // Any bytes are either read within their bounds or rejected with one of the reader's own errors.
+// Arbitrary and mutated forms are fuzz_settingsfile's, replayed over its corpus by fuzzcorpustest.
 void readsCleanlyOrFails(const VxByteArray& form)
 {
     SettingsFile read;
@@ -337,28 +337,6 @@ private Q_SLOTS:
         QCOMPARE(tree.subTrees(false).size(), size_t(0)); // nor made by the failing name
         // Only records before the failing one are stored.
         QCOMPARE(tree.size(), size_t(QByteArray(QTest::currentDataTag()) == "second record missing" ? 1 : 0));
-    }
-
-    void mutatedFormsFailCleanlyOrRead()
-    {
-        SettingsFile tree;
-        int i = 0;
-        for (const auto& kind : everyKind()) {
-            if (kind.second.type() != Variant::LongString) // keep the form small enough to mutate often
-                tree.setSetting("k" + std::to_string(i++) + ".v", kind.second);
-        }
-        const VxByteArray valid = serialized(tree);
-        QRandomGenerator random(7);
-        for (int round = 0; round < 3000; ++round) {
-            VxByteArray form(valid.data(), valid.size());
-            const int flips = 1 + int(random.bounded(4));
-            for (int f = 0; f < flips; ++f) {
-                const size_t at = random.bounded(quint32(form.size()));
-                // Mostly small numbers and lengths: those steer the reader furthest.
-                form[at] = char(random.bounded(2) ? random.bounded(256) : random.bounded(4));
-            }
-            readsCleanlyOrFails(VxByteArray(form.data(), random.bounded(2) ? form.size() : random.bounded(quint32(form.size()))));
-        }
     }
 
     void labelListReadingRules_data()
