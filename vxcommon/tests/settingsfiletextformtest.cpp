@@ -84,13 +84,10 @@ private Q_SLOTS:
     {
         QTest::addColumn<Variant>("value");
         QTest::addColumn<QString>("line");
-        QTest::newRow("double") << Variant(2.5) << "v=F:2.5\n";
-        QTest::newRow("bool") << Variant(true) << "v=B:Y\n";
-        QTest::newRow("text") << Variant("hello") << "v=S:hello\n";
+        // Each kind's own text is covered in varianttest (textFormRoundTrips); these rows
+        // are the line's own rules.
         QTest::newRow("text ending in line feed gets no second one") << Variant("two\n") << "v=S:two\n";
         QTest::newRow("empty value") << Variant() << "v=\n";
-        QTest::newRow("int64") << Variant(-5L) << "v=J:-5\n";
-        QTest::newRow("vector") << Variant(VxVector {1, 2}) << "v=V:[1,2]\n";
     }
 
     void valueLinesPerKind()
