@@ -244,32 +244,40 @@ const SettingsFile* SettingsFile::childFor(const std::string& label) const
     return it == m_subTrees.end() ? nullptr : it->second;
 }
 
-// Walking a dotted label by splitLabel() ends in the node reached through the non-empty
-// parts before the last dot, at the label after the last dot ("a." names the setting ""
-// of subtree a, "a..b" the setting b of a). Walking it that way directly needs no copies
-// of the tail.
-Variant* SettingsFile::locate(const std::string& label, bool create, SettingsFile** owner)
+// Descends through the non-empty dot-separated parts of label[0, end): "a..b" and ".a.b."
+// walk a, then b. Walks in place, so no copies of the tail are made.
+SettingsFile* SettingsFile::descend(const std::string& label, size_t end, bool create)
 {
     SettingsFile* node = this;
-    const size_t lastDot = label.rfind('.');
     std::string part;
-    if (lastDot != std::string::npos) {
-        size_t begin = 0;
-        while (begin < lastDot) {
-            size_t end = label.find('.', begin);
-            if (end > lastDot)
-                end = lastDot;
-            if (end > begin) {
-                part.assign(label, begin, end - begin);
-                node = node->childFor(part, create);
-                if (!node)
-                    return nullptr;
-            }
-            begin = end + 1;
+    for (size_t begin = 0; begin < end;) {
+        const size_t dot = std::min(label.find('.', begin), end);
+        if (dot > begin) {
+            part.assign(label, begin, dot - begin);
+            node = node->childFor(part, create);
+            if (!node)
+                return nullptr;
         }
-        part.assign(label, lastDot + 1, std::string::npos);
+        begin = dot + 1;
     }
-    const std::string& key = lastDot == std::string::npos ? label : part;
+    return node;
+}
+
+// Walking a dotted label by splitLabel() ends in the node reached through the non-empty
+// parts before the last dot, at the label after the last dot ("a." names the setting ""
+// of subtree a, "a..b" the setting b of a).
+Variant* SettingsFile::locate(const std::string& label, bool create, SettingsFile** owner)
+{
+    const size_t lastDot = label.rfind('.');
+    SettingsFile* node = this;
+    std::string tail;
+    if (lastDot != std::string::npos) {
+        node = descend(label, lastDot, create);
+        if (!node)
+            return nullptr;
+        tail.assign(label, lastDot + 1, std::string::npos);
+    }
+    const std::string& key = lastDot == std::string::npos ? label : tail;
     if (owner)
         *owner = node;
     if (!create) {
@@ -291,22 +299,7 @@ const Variant* SettingsFile::findValue(const std::string& label) const
 
 SettingsFile* SettingsFile::findSubTree(const std::string& label, bool create)
 {
-    SettingsFile* node = this;
-    size_t begin = 0;
-    std::string part;
-    while (begin < label.size()) {
-        size_t end = label.find('.', begin);
-        if (end == std::string::npos)
-            end = label.size();
-        if (end > begin) {
-            part.assign(label, begin, end - begin);
-            node = node->childFor(part, create);
-            if (!node)
-                return nullptr;
-        }
-        begin = end + 1;
-    }
-    return node;
+    return descend(label, label.size(), create);
 }
 
 const SettingsFile* SettingsFile::findSubTree(const std::string& label) const

@@ -322,6 +322,7 @@ private:
     void swapContent(SettingsFile& other);
     template <typename Visitor> void visit(std::string& prefix, Visitor&& visitor) const;
     template <typename Predicate> size_t removeIf(std::string& prefix, Predicate&& predicate);
+    SettingsFile* descend(const std::string& label, size_t end, bool create);
     Variant* locate(const std::string& label, bool create, SettingsFile** owner);
     size_t serializeNode(VxByteArray& out, std::string& prefix) const;
     void writeJsonObject(std::string& out) const;

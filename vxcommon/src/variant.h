@@ -270,6 +270,8 @@ public:
 
 private:
     template <typename T> T& as() const;
+    /** The held value when the kind is @p kind; throws as the toConst...() functions do. */
+    template <typename T> const T& exactly(Type kind) const;
     void makeDefault(Type type);
     void copyValueFrom(const Variant& other);
     void moveFrom(Variant& other) noexcept;

@@ -46,24 +46,41 @@ class SettingsFileTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void splitLabelFollowsTable_data()
+    void pathsFollowSplitLabel_data()
     {
         QTest::addColumn<QString>("label");
         QTest::addColumn<QStringList>("split"); // head, tail
-        QTest::newRow("empty") << "" << QStringList {"", ""};
-        QTest::newRow("dot") << "." << QStringList {"", ""};
-        QTest::newRow("plain") << "abc" << QStringList {"abc", ""};
-        QTest::newRow("trailing only dot") << "a." << QStringList {"a", "."};
-        QTest::newRow("dotted") << "a.b.c" << QStringList {"a", "b.c"};
-        QTest::newRow("leading dot") << ".b" << QStringList {"", "b"};
-        QTest::newRow("double dot") << "a..b" << QStringList {"a", ".b"};
-        QTest::newRow("two trailing dots") << "a.." << QStringList {"a", "."};
+        QTest::addColumn<QStringList>("place"); // subtree, setting
+        QTest::newRow("dot") << "." << QStringList {"", ""} << QStringList {"", ""};
+        QTest::newRow("plain") << "abc" << QStringList {"abc", ""} << QStringList {"", "abc"};
+        QTest::newRow("trailing only dot") << "a." << QStringList {"a", "."} << QStringList {"a", ""};
+        QTest::newRow("dotted") << "a.b.c" << QStringList {"a", "b.c"} << QStringList {"a.b", "c"};
+        QTest::newRow("leading dot") << ".b" << QStringList {"", "b"} << QStringList {"", "b"};
+        QTest::newRow("double dot") << "a..b" << QStringList {"a", ".b"} << QStringList {"a", "b"};
+        QTest::newRow("two trailing dots") << "a.." << QStringList {"a", "."} << QStringList {"a", ""};
     }
-    void splitLabelFollowsTable()
+    void pathsFollowSplitLabel()
     {
         QFETCH(QString, label);
-        const auto split = SettingsFile::splitLabel(label.toStdString());
+        QFETCH(QStringList, place);
+        const std::string name = label.toStdString();
+        const auto split = SettingsFile::splitLabel(name);
         QTEST((QStringList {QString::fromStdString(split.first), QString::fromStdString(split.second)}), "split");
+        QCOMPARE(SettingsFile::splitLabel(""), (std::pair<std::string, std::string>()));
+
+        // Walking the label directly ends where splitting it step by step would.
+        SettingsFile t;
+        t.setSetting(name, Variant(7));
+        const SettingsFile& node = t.subTree(place[0].toStdString());
+        QVERIFY(node.isValid());
+        QCOMPARE(sortedLabels(node.settingLabels()), QStringList {place[1]});
+        QCOMPARE(t.setting(name).toInt32(), 7);
+        QCOMPARE(t.size(), size_t(1)); // counted through every subtree
+        if (!place[0].isEmpty()) {
+            const SettingsFile& top = t.subTree(place[0].section('.', 0, 0).toStdString());
+            QCOMPARE(top.parent(), &t);
+            QCOMPARE(node.label(), place[0].section('.', -1).toStdString());
+        }
     }
 
     void keysIgnoreCaseAndKeepFirstSpelling()
@@ -109,40 +126,6 @@ private Q_SLOTS:
         SettingsFile t;
         t.setSetting(x, Variant(1));
         QCOMPARE(t.hasSetting(y), same);
-    }
-
-    void dottedPathCreatesSubTrees()
-    {
-        SettingsFile t;
-        t.setSetting("a.b.c", Variant(1));
-        QVERIFY(t.hasSubTree("a"));
-        QVERIFY(t.hasSubTree("a.b"));
-        QCOMPARE(t.size(), size_t(1));
-        QCOMPARE(t.subTree("a").size(), size_t(1));
-        QCOMPARE(t.subTree("a").subTree("b").setting("c").toInt32(), 1);
-        QCOMPARE(t.subTree("a.b").parent(), &t.subTree("a"));
-        QCOMPARE(t.subTree("a.b").label(), std::string("b"));
-    }
-
-    void oddPathsResolveLikeSplitLabel_data()
-    {
-        QTest::addColumn<QString>("label");
-        QTest::addColumn<QStringList>("place"); // subtree, setting
-        QTest::newRow("trailing dot names the empty label") << "a." << QStringList {"a", ""};
-        QTest::newRow("double dot skips the empty head") << "a..b" << QStringList {"a", "b"};
-        QTest::newRow("leading dot stays at the top") << ".b" << QStringList {"", "b"};
-        QTest::newRow("lone dot") << "." << QStringList {"", ""};
-    }
-    void oddPathsResolveLikeSplitLabel()
-    {
-        QFETCH(QString, label);
-        QFETCH(QStringList, place);
-        SettingsFile t;
-        t.setSetting(label.toStdString(), Variant(7));
-        const SettingsFile& node = t.subTree(place[0].toStdString());
-        QVERIFY(node.isValid());
-        QCOMPARE(sortedLabels(node.settingLabels()), QStringList {place[1]});
-        QCOMPARE(t.setting(label.toStdString()).toInt32(), 7);
     }
 
     void readsOfMissingSettingsGiveDefaults()
