@@ -60,8 +60,10 @@ RequestReader::Request RequestReader::next()
         for (; i < available && data[i] >= '0' && data[i] <= '9' && i - usagePrefix.size() < kMaxLengthDigits; ++i)
             length = length * 10 + (data[i] - '0');
         const int digits = i - usagePrefix.size();
+        // The byte after the digits decides, even after the most digits allowed: a space
+        // makes a length (perhaps too large), anything else a bad one.
         if (i == available)
-            return digits < kMaxLengthDigits ? Request {} : refuse("Bad usage record length");
+            return {};
         if (digits == 0 || data[i] != ' ')
             return refuse("Bad usage record length");
         if (length > m_maxRecordSize)
