@@ -148,9 +148,10 @@ void ServerConnection::readRequests()
             break;
         case RequestReader::Request::Refused:
             ReferenceServer::logLine(QStringLiteral("%1 %2; closing").arg(peer(), QString::fromLatin1(request.bytes)));
-            // Whatever was queued before still goes out, then this answer, then the close.
-            enqueue(errorReply(QString::fromLatin1(request.bytes)));
+            // Whatever was queued before still goes out, then this answer, then the close
+            // (marked first: the answer may be written at once).
             m_closing = true;
+            enqueue(errorReply(QString::fromLatin1(request.bytes)));
             return;
         }
     }
@@ -279,7 +280,12 @@ void ServerConnection::handleUsageRecord(const QByteArray& body)
 void ServerConnection::enqueue(const QByteArray& reply)
 {
     m_queue.append(reply);
-    if (m_current.isEmpty() && !m_timer.isActive())
+    if (!m_current.isEmpty() || m_timer.isActive())
+        return;
+    // Without a delay the reply goes out now, not after a trip through the timer list.
+    if (m_server->behaviour().delayMs == 0)
+        pump();
+    else
         m_timer.start(m_server->behaviour().delayMs);
 }
 
