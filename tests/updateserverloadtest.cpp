@@ -28,6 +28,12 @@ namespace
 {
 
 constexpr int kWait = 20000;
+#if defined(__SANITIZE_ADDRESS__)
+// The sanitizer's allocator keeps freed memory in quarantine: resident memory says nothing.
+constexpr bool kResidentMemoryMeansSomething = false;
+#else
+constexpr bool kResidentMemoryMeansSomething = true;
+#endif
 constexpr int kProducts = 4;
 
 /** A field of /proc/<pid>/status in KiB, or -1. */
@@ -185,6 +191,8 @@ void UpdateServerLoadTest::manyClientsAreAnsweredAndMemoryStaysFlat()
     const LoadResult load = runLoad(QStringLiteral("127.0.0.1"), server.port, 200, script(50), 45000);
     QVERIFY2(load.ok(), qPrintable(load.failures.join(QLatin1Char('\n'))));
     QCOMPARE(load.requests, qint64(200 * 50));
+    if (!kResidentMemoryMeansSomething)
+        return;
     QTRY_VERIFY2_WITH_TIMEOUT(
         server.kib("VmRSS") <= before * 11 / 10, qPrintable(QStringLiteral("%1 KiB before, %2 KiB after").arg(before).arg(server.kib("VmRSS"))), 5000);
 }
