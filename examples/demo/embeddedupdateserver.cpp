@@ -47,7 +47,10 @@ bool EmbeddedUpdateServer::start(
             QStringLiteral("--catalogue"),
             catalogue,
             QStringLiteral("--inbox"),
-            inbox});
+            inbox,
+            // The library never reconnects on its own: the demo's connection must outlive idle minutes.
+            QStringLiteral("--idle-timeout"),
+            QStringLiteral("0")});
     if (!m_process.waitForStarted(timeoutMs)) {
         m_error = QStringLiteral("cannot start %1: %2").arg(program, m_process.errorString());
         return false;
