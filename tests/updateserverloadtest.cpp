@@ -10,7 +10,6 @@
 #include "updateserverprocess.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QHostAddress>
 #include <QProcess>
@@ -76,18 +75,9 @@ public:
         QObject::connect(&m_process, &QProcess::readyReadStandardOutput, [this] {
             m_output += m_process.readAllStandardOutput();
         });
-        m_process.start(UpdateServerProcess::program(),
-            QStringList {"--address",
-                "127.0.0.1",
-                "--port",
-                "0",
-                "--cert",
-                dir.filePath("server.pem"),
-                "--key",
-                dir.filePath("server.key"),
-                "--catalogue",
-                dir.filePath("catalogue.vxa")}
-                + extra);
+        // The temporary directory's path holds no spaces.
+        const QString options = QStringLiteral("--address 127.0.0.1 --port 0 --cert %1/server.pem --key %1/server.key --catalogue %1/catalogue.vxa");
+        m_process.start(UpdateServerProcess::program(), options.arg(dir.path()).split(QLatin1Char(' ')) + extra);
         const QRegularExpression listening(QStringLiteral("listening on 127.0.0.1:(\\d+)"));
         QRegularExpressionMatch match;
         const bool ready = QTest::qWaitFor(
@@ -100,7 +90,6 @@ public:
     }
     qint64 kib(const char* field) const { return statusKiB(m_process.processId(), field); }
     QProcess& process() { return m_process; }
-    const QByteArray& output() const { return m_output; }
 
     quint16 port = 0;
 
