@@ -139,6 +139,8 @@ bool DemoServices::startEmbeddedUpdateServer()
     m_embeddedServer->setProgram(program);
     m_embeddedServer->setCatalogueFile(cataloguePath);
     m_embeddedServer->setInboxPath(m_inbox);
+    // The library never reconnects on its own: the demo's connection must outlive idle minutes.
+    m_embeddedServer->setExtraArguments({QStringLiteral("--idle-timeout"), QStringLiteral("0")});
     connect(&m_embeddedServer->process(), &ServerProcess::lineRead, this, [](const QString& line) {
         JLOG_TO(gJournal, "gui_helpers_update_server", JLL_DEBUG, line);
     });

@@ -13,6 +13,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <sys/socket.h>
 
 namespace
 {
@@ -79,7 +80,9 @@ int main(int argc, char** argv)
                        "The catalogue is a settings tree in a .json or .vxa file holding one subtree per request id; the reply to \"LIST X mask\" (and LIS2T, "
                        "GE2T) is the subtree X, an ERROR reply when there is none. GET is answered with ERROR. Each log of a USAGE record is stored as "
                        "<inbox>/<name>.log, where <name> is the log's setting name with unsafe characters replaced (\"-1\", \"-2\"... added when taken); the "
-                       "record is then acknowledged with \"ACK 5 USAGE\".\n\n"
+                       "record is then acknowledged with \"ACK 5 USAGE\", only after every log is completely on disk.\n\n"
+                       "A request line is at most 4096 bytes. A client that sends a longer one, or a USAGE record with an unreadable or too large length, "
+                       "is answered with ERROR and its connection closed; other clients are not affected.\n\n"
                        "Prints \"listening on <address>:<port>\" when ready and one line per request on standard output. Stops cleanly on SIGINT or SIGTERM. "
                        "Exit codes: 0 after a clean stop, 1 for bad options or files, 2 when it cannot listen."));
     parser.addHelpOption();
@@ -102,9 +105,14 @@ int main(int argc, char** argv)
         {QStringLiteral("answer-error"), QStringLiteral("Fault: answer every request with ERROR <text>."), QStringLiteral("text")},
         {QStringLiteral("never-answer"), QStringLiteral("Fault: read requests but never answer.")},
         {QStringLiteral("max-record"),
-            QStringLiteral("Largest USAGE record body accepted, in bytes (default 67108864)."),
+            QStringLiteral("Largest USAGE record body accepted, in bytes, at most 1073741824 (default 67108864). A record declared larger is answered "
+                           "with ERROR and the connection closed, before any of it is read."),
             QStringLiteral("bytes"),
             QStringLiteral("67108864")},
+        {QStringLiteral("idle-timeout"),
+            QStringLiteral("Close a connection that sends nothing for <seconds>, the TLS handshake included; 0 never closes (default 60)."),
+            QStringLiteral("seconds"),
+            QStringLiteral("60")},
     };
     parser.addOptions(options);
     parser.process(app);
@@ -152,7 +160,8 @@ int main(int argc, char** argv)
     if (parser.isSet(QStringLiteral("answer-error")) && behaviour.answerError.isEmpty())
         fail(QStringLiteral("--answer-error needs a text"));
     behaviour.neverAnswer = parser.isSet(QStringLiteral("never-answer"));
-    behaviour.maxRecordSize = intOption(parser, QStringLiteral("max-record"), 0, INT_MAX);
+    behaviour.maxRecordSize = intOption(parser, QStringLiteral("max-record"), 0, 1 << 30);
+    behaviour.idleTimeoutMs = intOption(parser, QStringLiteral("idle-timeout"), 0, 86400) * 1000;
 
     const veltrax::SettingsFile catalogue = loadCatalogue(parser.value(QStringLiteral("catalogue")));
 
@@ -163,6 +172,9 @@ int main(int argc, char** argv)
     ReferenceServer server(chain, key, catalogue, behaviour);
     if (!server.listen(address, static_cast<quint16>(port)))
         fail(QStringLiteral("cannot listen on %1:%2: %3").arg(address.toString()).arg(port).arg(server.errorString()), 2);
+    // Qt 5 listens with a backlog of 50: a burst of clients beyond that would see their
+    // connection attempts dropped and retried seconds later. Listening again only widens it.
+    ::listen(static_cast<int>(server.socketDescriptor()), SOMAXCONN);
 
     ReferenceServer::logLine(QStringLiteral("gui_helpers_update_server listening on %1:%2").arg(server.serverAddress().toString()).arg(server.serverPort()));
     const int result = app.exec();

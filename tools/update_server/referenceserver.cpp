@@ -9,12 +9,10 @@
 #include <QSaveFile>
 
 #include <cstdio>
+#include <malloc.h>
 
 namespace
 {
-
-/** Longest request line; a client that sends more without a line feed is dropped. */
-constexpr int kMaxLineLength = 4096;
 
 /** A file name made only of harmless characters, so a label can never leave the inbox. */
 QString safeFileName(const std::string& label)
@@ -38,7 +36,21 @@ ReferenceServer::ReferenceServer(
     , m_key(key)
     , m_catalogue(catalogue)
     , m_behaviour(behaviour)
+    , m_configuration(QSslConfiguration::defaultConfiguration())
 {
+    m_configuration.setLocalCertificateChain(chain);
+    m_configuration.setPrivateKey(key);
+    // Clients are not asked for certificates, so every handshake would load the system's CA
+    // bundle into its context for nothing.
+    m_configuration.setCaCertificates({});
+}
+
+void ReferenceServer::connectionClosed()
+{
+    // After a burst of connections the allocator keeps their freed TLS buffers; hand them
+    // back so a server that is idle again is as small as before.
+    if (--m_connections == 0)
+        malloc_trim(0);
 }
 
 void ReferenceServer::logLine(const QString& line)
@@ -56,8 +68,8 @@ void ReferenceServer::incomingConnection(qintptr descriptor)
         delete socket;
         return;
     }
-    socket->setLocalCertificateChain(m_chain);
-    socket->setPrivateKey(m_key);
+    socket->setSslConfiguration(m_configuration);
+    ++m_connections;
     new ServerConnection(socket, this);
     socket->startServerEncryption();
 }
@@ -66,10 +78,24 @@ ServerConnection::ServerConnection(QSslSocket* socket, ReferenceServer* server)
     : QObject(socket)
     , m_socket(socket)
     , m_server(server)
+    , m_reader(server->behaviour().maxRecordSize)
 {
     m_timer.setSingleShot(true);
     connect(&m_timer, &QTimer::timeout, this, &ServerConnection::pump);
+    // Runs from the accept on, so a client that never completes the handshake is dropped too.
+    m_idle.setSingleShot(true);
+    connect(&m_idle, &QTimer::timeout, this, [this] {
+        ReferenceServer::logLine(QStringLiteral("%1 idle for %2 ms; closing").arg(peer()).arg(m_idle.interval()));
+        m_socket->abort();
+        m_socket->deleteLater();
+    });
+    if (server->behaviour().idleTimeoutMs > 0)
+        m_idle.start(server->behaviour().idleTimeoutMs);
     connect(socket, &QSslSocket::readyRead, this, &ServerConnection::readRequests);
+    connect(socket, &QSslSocket::encrypted, this, [this] {
+        if (m_idle.interval() > 0)
+            m_idle.start();
+    });
     connect(socket, &QSslSocket::disconnected, socket, &QObject::deleteLater);
     connect(socket, QOverload<const QList<QSslError>&>::of(&QSslSocket::sslErrors), this, [this](const QList<QSslError>& errors) {
         for (const QSslError& e : errors)
@@ -79,6 +105,11 @@ ServerConnection::ServerConnection(QSslSocket* socket, ReferenceServer* server)
         if (error != QAbstractSocket::RemoteHostClosedError)
             ReferenceServer::logLine(QStringLiteral("%1 connection error: %2").arg(peer(), m_socket->errorString()));
     });
+}
+
+ServerConnection::~ServerConnection()
+{
+    m_server->connectionClosed();
 }
 
 QString ServerConnection::peer() const
@@ -101,56 +132,28 @@ QByteArray ServerConnection::errorReply(const QString& text)
 
 void ServerConnection::readRequests()
 {
-    m_in += m_socket->readAll();
-    for (;;) {
-        if (m_closing)
+    m_reader.append(m_socket->readAll());
+    if (m_idle.interval() > 0)
+        m_idle.start();
+    while (!m_closing) {
+        RequestReader::Request request = m_reader.next();
+        switch (request.kind) {
+        case RequestReader::Request::None:
             return;
-        if (m_recordLength >= 0) {
-            if (m_in.size() < m_recordLength)
-                return;
-            const QByteArray body = m_in.left(static_cast<int>(m_recordLength));
-            m_in.remove(0, static_cast<int>(m_recordLength));
-            m_recordLength = -1;
-            handleUsageRecord(body);
-            continue;
-        }
-        // A usage record is "USAGE <length> <bytes>", not a line.
-        const QByteArray usagePrefix = QByteArray(updateserver::USAGE) + ' ';
-        if (m_in.startsWith(usagePrefix)) {
-            const int end = m_in.indexOf(' ', usagePrefix.size());
-            if (end < 0) {
-                if (m_in.size() > usagePrefix.size() + 20) {
-                    ReferenceServer::logLine(QStringLiteral("%1 USAGE without a length; closing").arg(peer()));
-                    m_closing = true;
-                    m_socket->disconnectFromHost();
-                }
-                return;
-            }
-            bool ok = false;
-            const QByteArray digits = m_in.mid(usagePrefix.size(), end - usagePrefix.size());
-            const qint64 length = digits.toLongLong(&ok);
-            if (!ok || length < 0 || length > m_server->behaviour().maxRecordSize || digits.startsWith('+') || digits.startsWith('-')) {
-                ReferenceServer::logLine(QStringLiteral("%1 USAGE with a bad length \"%2\"; closing").arg(peer(), QString::fromLatin1(digits.left(32))));
-                enqueue(errorReply(QStringLiteral("Bad usage record length")));
-                m_closing = true;
-                return;
-            }
-            m_in.remove(0, end + 1);
-            m_recordLength = length;
-            continue;
-        }
-        const int nl = m_in.indexOf('\n');
-        if (nl < 0) {
-            if (m_in.size() > kMaxLineLength) {
-                ReferenceServer::logLine(QStringLiteral("%1 request line longer than %2 bytes; closing").arg(peer()).arg(kMaxLineLength));
-                m_closing = true;
-                m_socket->disconnectFromHost();
-            }
+        case RequestReader::Request::Line:
+            handleLine(request.bytes);
+            break;
+        case RequestReader::Request::UsageRecord:
+            handleUsageRecord(request.bytes);
+            break;
+        case RequestReader::Request::Refused:
+            ReferenceServer::logLine(QStringLiteral("%1 %2; closing").arg(peer(), QString::fromLatin1(request.bytes)));
+            // Whatever was queued before still goes out, then this answer, then the close
+            // (marked first: the answer may be written at once).
+            m_closing = true;
+            enqueue(errorReply(QString::fromLatin1(request.bytes)));
             return;
         }
-        const QByteArray line = m_in.left(nl);
-        m_in.remove(0, nl + 1);
-        handleLine(line);
     }
 }
 
@@ -277,13 +280,21 @@ void ServerConnection::handleUsageRecord(const QByteArray& body)
 void ServerConnection::enqueue(const QByteArray& reply)
 {
     m_queue.append(reply);
-    if (m_current.isEmpty() && !m_timer.isActive())
+    if (!m_current.isEmpty() || m_timer.isActive())
+        return;
+    // Without a delay the reply goes out now, not after a trip through the timer list.
+    if (m_server->behaviour().delayMs == 0)
+        pump();
+    else
         m_timer.start(m_server->behaviour().delayMs);
 }
 
 void ServerConnection::pump()
 {
     const ServerBehaviour& behaviour = m_server->behaviour();
+    // A connection that is being answered is not idle, however slowly the answer goes.
+    if (m_idle.interval() > 0)
+        m_idle.start();
     if (m_current.isEmpty()) {
         if (m_queue.isEmpty())
             return;

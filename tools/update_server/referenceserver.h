@@ -5,6 +5,7 @@
 // misbehave on purpose (cut, split, delay, refuse or swallow replies) for fault tests.
 #pragma once
 
+#include "requestreader.h"
 #include "settingsfile.h"
 
 #include <QByteArray>
@@ -12,6 +13,7 @@
 #include <QList>
 #include <QPointer>
 #include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QSslKey>
 #include <QSslSocket>
 #include <QTcpServer>
@@ -35,6 +37,8 @@ struct ServerBehaviour {
     bool neverAnswer = false;
     /** Largest usage record body accepted. */
     qint64 maxRecordSize = 64 * 1024 * 1024;
+    /** A connection that sends nothing for this long, handshake included, is closed (0: never). */
+    int idleTimeoutMs = 60000;
 };
 
 class ServerConnection;
@@ -59,8 +63,13 @@ protected:
     void incomingConnection(qintptr descriptor) override;
 
 private:
+    friend class ServerConnection;
+    void connectionClosed();
+
     QList<QSslCertificate> m_chain;
     QSslKey m_key;
+    QSslConfiguration m_configuration;
+    int m_connections = 0;
     veltrax::SettingsFile m_catalogue;
     ServerBehaviour m_behaviour;
 };
@@ -71,6 +80,7 @@ class ServerConnection : public QObject
     Q_OBJECT
 public:
     ServerConnection(QSslSocket* socket, ReferenceServer* server);
+    ~ServerConnection() override;
 
 private:
     void readRequests();
@@ -87,12 +97,11 @@ private:
 
     QSslSocket* m_socket;
     ReferenceServer* m_server;
-    QByteArray m_in;
-    /** Body length of a usage record being received, or -1 while reading lines. */
-    qint64 m_recordLength = -1;
+    RequestReader m_reader;
     QList<QByteArray> m_queue;
     QByteArray m_current;
     qint64 m_currentOffset = 0;
     QTimer m_timer;
+    QTimer m_idle;
     bool m_closing = false;
 };
