@@ -14,8 +14,10 @@
 #define FUZZ_TARGET(name) extern "C" int replay_##name##_testOneInput(const uint8_t* data, size_t size);
 FUZZ_TARGET(filepathvalidator)
 FUZZ_TARGET(jsonstring)
+FUZZ_TARGET(minisign)
 FUZZ_TARGET(serverresponseparser)
 FUZZ_TARGET(settingsfile)
+FUZZ_TARGET(updateserverrequest)
 FUZZ_TARGET(variant)
 FUZZ_TARGET(vxastring)
 FUZZ_TARGET(vxversion)
@@ -40,8 +42,10 @@ void FuzzCorpusTest::replay_data()
     const QList<QPair<QString, EntryPoint>> targets {
         {"filepathvalidator", replay_filepathvalidator_testOneInput},
         {"jsonstring", replay_jsonstring_testOneInput},
+        {"minisign", replay_minisign_testOneInput},
         {"serverresponseparser", replay_serverresponseparser_testOneInput},
         {"settingsfile", replay_settingsfile_testOneInput},
+        {"updateserverrequest", replay_updateserverrequest_testOneInput},
         {"variant", replay_variant_testOneInput},
         {"vxastring", replay_vxastring_testOneInput},
         {"vxversion", replay_vxversion_testOneInput},
