@@ -178,8 +178,7 @@ private Q_SLOTS:
         j.log(JLL_DEBUG, "buffered");
         QVERIFY(!readAll(path).contains("buffered"));
         j.log(JLL_ALERT, "alert");
-        QVERIFY(readAll(path).contains("buffered\n"));
-        QVERIFY(readAll(path).contains("alert\n"));
+        QVERIFY(readAll(path).contains("buffered\n") && readAll(path).contains("alert\n"));
         j.log(JLL_TRACE, "trace");
         j.flush();
         QVERIFY(readAll(path).contains("trace\n"));
@@ -225,12 +224,10 @@ private Q_SLOTS:
         j.log(JLL_ERROR, "moved");
         j.flush();
         const QByteArray a = readAll(first);
-        QVERIFY(a.contains("Could not switch to new log location"));
-        QVERIFY(a.contains("still here"));
-        QVERIFY(a.contains("Switching to file " + second.toUtf8()));
+        for (const QByteArray& piece : {QByteArray("Could not switch to new log location"), QByteArray("still here"), "Switching to file " + second.toUtf8()})
+            QVERIFY2(a.contains(piece), piece.constData());
         const QByteArray b = readAll(second);
-        QVERIFY(b.contains("writeFileHeader Journaller logging to " + second.toUtf8() + " on "));
-        QVERIFY(b.contains("moved"));
+        QVERIFY(b.contains("writeFileHeader Journaller logging to " + second.toUtf8() + " on ") && b.contains("moved"));
         QVERIFY(!a.contains("moved"));
         QCOMPARE(QString::fromStdString(j.filename()), second);
     }
@@ -248,8 +245,7 @@ private Q_SLOTS:
         jb.log(JLL_ERROR, "from b");
         ja.flush();
         jb.flush();
-        QVERIFY(readAll(b).contains("from a"));
-        QVERIFY(readAll(b).contains("from b"));
+        QVERIFY(readAll(b).contains("from a") && readAll(b).contains("from b"));
     }
 
     void callSiteMacroPrefixesFunctionAndFeedsAdditionalLogger()
@@ -274,16 +270,11 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("file");
         QTest::addColumn<QString>("tag");
-        QTest::newRow("path and extension") << "/var/log/app.log"
-                                            << "app ";
-        QTest::newRow("no extension") << "plain"
-                                      << "plain ";
-        QTest::newRow("two extensions") << "a/b.tar.gz"
-                                        << "b ";
-        QTest::newRow("hidden file") << "/x/.hidden"
-                                     << "";
-        QTest::newRow("empty") << ""
-                               << "";
+        QTest::newRow("path and extension") << "/var/log/app.log" << QStringLiteral("app ");
+        QTest::newRow("no extension") << "plain" << QStringLiteral("plain ");
+        QTest::newRow("two extensions") << "a/b.tar.gz" << QStringLiteral("b ");
+        QTest::newRow("hidden file") << "/x/.hidden" << QStringLiteral("");
+        QTest::newRow("empty") << "" << QStringLiteral("");
     }
     void tagFromFilename()
     {
