@@ -70,6 +70,8 @@ private Q_SLOTS:
         SettingsFile tree;
         if (!name.isEmpty())
             tree.setSetting(name.toStdString(), value);
+        else
+            tree.findSubTreeRef("a.b"); // an empty subtree writes nothing
         VxByteArray out("head", 4); // the writer keeps what is already in its output
         tree.serialize(out);
         QCOMPARE(bytesOf(out), "head" + form);
@@ -90,15 +92,6 @@ private Q_SLOTS:
         QVERIFY(!read.subTree("keep").isModified());
     }
 
-    void emptySubTreeWritesNothing()
-    {
-        SettingsFile tree;
-        tree.findSubTreeRef("a.b");
-        QCOMPARE(serialized(tree).size(), size_t(5));
-        SettingsFile fresh;
-        fresh.deserialize(serialized(tree), 0);
-        QVERIFY(!fresh.hasSubTree("a"));
-    }
     void valueLengthsFollowKinds_data()
     {
         QTest::addColumn<Variant>("value");
@@ -387,7 +380,6 @@ private Q_SLOTS:
     {
         QFETCH(char, tag);
         QFETCH(int, length);
-        QFETCH(int, kept);
         QByteArray form("*\x02\0\0\0Ws\0", 8);
         form.append(tag);
         form.append(QByteArray(length, 'k'));
@@ -395,7 +387,7 @@ private Q_SLOTS:
         form.append(QByteArray("Wn\0I\x07\0\0\0", 8));
         SettingsFile read;
         QCOMPARE(read.deserialize(toVx(form), 0), form.size());
-        QCOMPARE(read.setting("s").toStdString().size(), size_t(kept));
+        QTEST(int(read.setting("s").toStdString().size()), "kept");
         QCOMPARE(read.setting("n").toInt32(), 7);
     }
 
