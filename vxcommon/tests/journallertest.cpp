@@ -145,7 +145,7 @@ private Q_SLOTS:
         QTEST(text.contains("probe"), "toFile");
     }
 
-    void pendingPieceJoinsTheNextLine()
+    void lineBreaksFollowTheMessages()
     {
         const QList<QByteArray> lines = journalOf(JLL_DEBUG, [](Journaller& j) {
             j.setTag("t ");
@@ -158,15 +158,12 @@ private Q_SLOTS:
         QVERIFY(lines[0].endsWith("t [ERROR] joined"));
         QVERIFY(!lines[1].startsWith("pending"));
         QVERIFY(lines[1].endsWith("> t [ERROR] alone"));
-    }
-
-    void messageEndingInLineBreakCompletesLineEarly()
-    {
-        const QList<QByteArray> lines = bodies(journalOf(JLL_DEBUG, [](Journaller& j) {
+        // A message ending in a line break completes its line early.
+        const QList<QByteArray> early = bodies(journalOf(JLL_DEBUG, [](Journaller& j) {
             j.log(JLL_ERROR, "first\n");
             j.log(JLL_ERROR, "second");
         }));
-        QCOMPARE(lines, (QList<QByteArray> {"[ERROR] first", "", "[ERROR] second"}));
+        QCOMPARE(early, (QList<QByteArray> {"[ERROR] first", "", "[ERROR] second"}));
     }
 
     void flushLevelPutsLinesOnDiskAtOnce()

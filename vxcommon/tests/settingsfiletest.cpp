@@ -127,7 +127,7 @@ private Q_SLOTS:
         QCOMPARE(t.hasSetting(y), same);
     }
 
-    void readsOfMissingSettingsGiveDefaults()
+    void readsOfMissingThingsGiveDefaults()
     {
         const SettingsFile t = sample();
         QVERIFY(t.setting("nope").empty());
@@ -140,11 +140,6 @@ private Q_SLOTS:
         QVERIFY(t.getSetting("a.", "name", v));
         QCOMPARE(v.toStdString(), std::string("n"));
         QVERIFY(!t.hasSubTree("a.b.rate"));
-    }
-
-    void settingThrowNamesTheLabel()
-    {
-        const SettingsFile t;
         try {
             t.settingThrow("x.y");
             QFAIL("no exception");
@@ -152,11 +147,7 @@ private Q_SLOTS:
             QCOMPARE(e.resultValue(), VXRV_NOTFOUND);
             QCOMPARE(e.text().toStdString(), std::string("Setting x.y not found"));
         }
-    }
-
-    void constSubTreeOfMissingPathIsSharedEmptyTree()
-    {
-        const SettingsFile t = sample();
+        // A const look-up of a missing subtree gives one shared empty tree.
         const SettingsFile& missing = t.subTree("no.such");
         QVERIFY(!missing.isValid());
         QVERIFY(missing.empty());
