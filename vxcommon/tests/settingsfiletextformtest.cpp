@@ -171,8 +171,7 @@ private Q_SLOTS:
         // Without an extension the file name gets ".vxa".
         QVERIFY(t.open(dir.filePath("settings").toStdString()));
         QCOMPARE(QString::fromStdString(t.getFilename()), path);
-        QCOMPARE(t.setting("x.y").toInt32(), 5);
-        QVERIFY(!t.hasSetting("gone"));
+        QCOMPARE(vxa(t), QStringLiteral("x.y=I:5\n"));
         QVERIFY(!t.isModified());
     }
 
@@ -239,11 +238,7 @@ private Q_SLOTS:
         SettingsFile t;
         t.setSetting("kept", Variant(1));
         QVERIFY(t.readVxa(path.toStdString(), "ra", "r."));
-        QCOMPARE(t.setting("r.rate").toInt32(), 1);
-        QVERIFY(!t.hasSetting("r.name"));
         QVERIFY(t.import(path.toStdString(), "i."));
-        QCOMPARE(t.setting("i.name").toStdString(), std::string("n"));
-        QVERIFY(t.hasSetting("kept"));
         QVERIFY(t.getFilename().empty()); // reading a file does not bind the tree to it
 
         const QString out = dir.filePath("out");
