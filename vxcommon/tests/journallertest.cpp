@@ -32,37 +32,20 @@ QByteArray journalOf(JournalLogLevel level, const std::function<void(Journaller&
     return readAll(path);
 }
 
-// Captures what is written to file descriptor 2 while alive.
-class StderrCapture
+// What is written to file descriptor 2 while `body` runs, through the file at `path`.
+QByteArray stderrOf(const QString& path, const std::function<void()>& body)
 {
-public:
-    explicit StderrCapture(const QString& path)
-        : m_path(path)
-    {
-        fflush(stderr);
-        m_saved = dup(2);
-        const int fd = open(path.toLocal8Bit().constData(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
-        dup2(fd, 2);
-        ::close(fd);
-    }
-    QByteArray finish()
-    {
-        fflush(stderr);
-        dup2(m_saved, 2);
-        ::close(m_saved);
-        m_saved = -1;
-        return readAll(m_path);
-    }
-    ~StderrCapture()
-    {
-        if (m_saved >= 0)
-            finish();
-    }
-
-private:
-    QString m_path;
-    int m_saved = -1;
-};
+    fflush(stderr);
+    const int saved = dup(2);
+    const int fd = open(path.toLocal8Bit().constData(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
+    dup2(fd, 2);
+    ::close(fd);
+    body();
+    fflush(stderr);
+    dup2(saved, 2);
+    ::close(saved);
+    return readAll(path);
+}
 
 // A message body with the layout's prefix stripped: "<level text><message>".
 QList<QByteArray> bodies(const QByteArray& text)
@@ -135,13 +118,15 @@ private Q_SLOTS:
         QFETCH(int, debugLevel);
         QFETCH(int, level);
         QTemporaryDir dir;
-        StderrCapture capture(dir.filePath(QStringLiteral("stderr.txt")));
-        const QByteArray text = journalOf(JLL_TRACE, [&](Journaller& j) {
-            j.setLogLevel(JournalLogLevel(logLevel), false);
-            j.setDebugLevel(JournalLogLevel(debugLevel), false);
-            j.log(JournalLogLevel(level), "probe");
+        QByteArray text;
+        const QByteArray echoed = stderrOf(dir.filePath(QStringLiteral("stderr.txt")), [&] {
+            text = journalOf(JLL_TRACE, [&](Journaller& j) {
+                j.setLogLevel(JournalLogLevel(logLevel), false);
+                j.setDebugLevel(JournalLogLevel(debugLevel), false);
+                j.log(JournalLogLevel(level), "probe");
+            });
         });
-        QTEST(capture.finish().contains("probe"), "toStderr");
+        QTEST(echoed.contains("probe"), "toStderr");
         QTEST(text.contains("probe"), "toFile");
     }
 
