@@ -127,7 +127,7 @@ void UpdateServerLoadTest::initTestCase()
 void UpdateServerLoadTest::manyClientsAreAnsweredAndMemoryStaysFlat()
 {
     UpdateServerProcess server(&m_ca);
-    QVERIFY(start(server));
+    QVERIFY2(start(server), qPrintable(server.errorString()));
     const auto script = [this](int requests) {
         return [this, requests](int client) {
             QVector<LoadClient::Exchange> exchanges;
@@ -156,7 +156,7 @@ void UpdateServerLoadTest::manyClientsAreAnsweredAndMemoryStaysFlat()
 void UpdateServerLoadTest::silentConnectionsNeitherBlockNorStay()
 {
     UpdateServerProcess server(&m_ca);
-    QVERIFY(start(server, {"--idle-timeout", "10"}));
+    QVERIFY2(start(server, {"--idle-timeout", "10"}), qPrintable(server.errorString()));
     std::vector<std::unique_ptr<LoadClient>> silent;
     for (int i = 0; i < 500; ++i) {
         silent.emplace_back(new LoadClient(QStringLiteral("127.0.0.1"), server.port(), {}));
@@ -209,7 +209,7 @@ void UpdateServerLoadTest::brokenFramingIsRefusedWithoutHarm()
     QFETCH(bool, closes);
 
     UpdateServerProcess server(&m_ca);
-    QVERIFY(start(server));
+    QVERIFY2(start(server), qPrintable(server.errorString()));
     LoadClient bystander(QStringLiteral("127.0.0.1"), server.port(), {list(0), list(1)});
     bystander.connectToServer();
     QSslSocket abuser;
@@ -247,7 +247,7 @@ void UpdateServerLoadTest::brokenFramingIsRefusedWithoutHarm()
 void UpdateServerLoadTest::sigtermKeepsEveryAcknowledgedLog()
 {
     UpdateServerProcess server(&m_ca);
-    QVERIFY(start(server));
+    QVERIFY2(start(server), qPrintable(server.errorString()));
     const QString inbox = server.inboxPath();
 
     constexpr int kSenders = 20;
