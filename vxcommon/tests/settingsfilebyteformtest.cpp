@@ -26,19 +26,6 @@ VxByteArray serialized(const SettingsFile& tree)
     return out;
 }
 
-// The tree's settings as sorted "name=T:value" lines.
-QStringList lines(const SettingsFile& tree)
-{
-    QStringList got;
-    for (const auto& setting : tree.flattened()) {
-        std::string line = setting.first + "=";
-        setting.second.writeToString(line);
-        got << QString::fromStdString(line);
-    }
-    got.sort();
-    return got;
-}
-
 // Any bytes are either read within their bounds or rejected with one of the reader's own errors.
 // Arbitrary and mutated forms are fuzz_settingsfile's, replayed over its corpus by fuzzcorpustest.
 void readsCleanlyOrFails(const VxByteArray& form)
