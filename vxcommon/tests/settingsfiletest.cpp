@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "settingsfile.h"
+#include "variantsamples.h"
 
 #include <QTest>
 
@@ -89,12 +90,9 @@ private Q_SLOTS:
         t.setSetting("rate", Variant(1));
         QVERIFY(t.hasSetting("Rate") && t.hasSetting("RATE"));
         t.setSetting("RATE", Variant(2));
-        QCOMPARE(t.size(), size_t(1));
-        QCOMPARE(t.setting("rate").toInt32(), 2);
-        QCOMPARE(sortedLabels(t.settingLabels()), QStringList {"rate"});
         t.setSetting("Sub.X", Variant(1));
         t.setSetting("sub.x", Variant(3));
-        QCOMPARE(sortedLabels(t.subTrees()), QStringList {"Sub"});
+        QCOMPARE(lines(t), (QStringList {"Sub.X=I:3", "rate=I:2"}));
         QCOMPARE(t.subTree("SUB").setting("X").toInt32(), 3);
     }
 
