@@ -9,7 +9,7 @@ here="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="${BUILD_DIR:-$here/build}"
 jobs="$(nproc)"
 
-cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DGUI_HELPERS_WARNINGS_AS_ERRORS=ON
 cmake --build "$build" -j "$jobs"
 summary="$build/ctest-summary.txt"
 (cd "$build" && ctest --output-on-failure -j "$jobs" --timeout 600) | tee "$build/ctest-output.txt"

@@ -107,8 +107,23 @@ inline size_t stringLimit(int type)
 
 template <typename T> inline T& Variant::as() const
 {
-    if (!m_isReference && detail::isScalarKind(m_type))
-        return *reinterpret_cast<T*>(const_cast<decltype(m_store)*>(&m_store));
+    // Scalars are read through the union member of their own type (the unsigned forms through
+    // their signed twin, which the aliasing rules allow), never through a cast of the union.
+    if constexpr (std::is_arithmetic<T>::value) {
+        if (!m_isReference && detail::isScalarKind(m_type)) {
+            auto& store = const_cast<decltype(m_store)&>(m_store);
+            if constexpr (std::is_same<T, bool>::value)
+                return store.b;
+            else if constexpr (std::is_same<T, double>::value)
+                return store.d;
+            else if constexpr (sizeof(T) == sizeof(int32_t) && std::is_integral<T>::value)
+                return reinterpret_cast<T&>(store.i32);
+            else {
+                static_assert(sizeof(T) == sizeof(int64_t) && std::is_integral<T>::value, "not a scalar kind's type");
+                return reinterpret_cast<T&>(store.i64);
+            }
+        }
+    }
     return *static_cast<T*>(m_value);
 }
 
