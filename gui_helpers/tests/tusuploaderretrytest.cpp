@@ -9,6 +9,9 @@
 #include "tusuploader.h"
 
 #include <QElapsedTimer>
+#include <QNetworkAccessManager>
+#include <QTimer>
+#include <QSettings>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -28,7 +31,11 @@ private:
 
 private Q_SLOTS:
     void initTestCase() { QVERIFY2(m_server.start(), qPrintable(m_server.errorString())); }
-    void init() { m_server.clearRequests(); }
+    void init()
+    {
+        isolateSettings();
+        m_server.clearRequests();
+    }
 
     // Each lost chunk goes again at its old offset after the delay. One retry is allowed,
     // and the upload survives two deaths: the stored chunks between them start the count again.
@@ -132,6 +139,101 @@ private Q_SLOTS:
             QCOMPARE(uploader.getState(), TusState::Error);
             QVERIFY(m_server.requests().isEmpty());
         }
+    }
+
+    // Against a closed port: one attempt, then one after each listed delay, then
+    // uploadFailed(); abort() while a retry waits ends it there, with nothing after.
+    void closedPortRetriesForTheListedDelays_data()
+    {
+        QTest::addColumn<QList<int>>("delays");
+        QTest::addColumn<int>("abortAfter"); // failed attempts; 0: no abort
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("gives up after the last delay") << QList<int> {50, 150, 0} << 0 << "Connection refused";
+        QTest::newRow("abort() during the second wait") << QList<int> {0, 600} << 2 << "Upload aborted";
+    }
+    void closedPortRetriesForTheListedDelays()
+    {
+        QFETCH(QList<int>, delays);
+        QFETCH(int, abortAfter);
+        QFETCH(QString, reason);
+        const QString path = makeFile(m_files, QStringLiteral("closed.bin"), randomBytes(100, 13));
+        const QUrl closed(QStringLiteral("http://127.0.0.1:%1/files").arg(closedLoopbackPort()));
+        HookedUploader uploader(closed.toString());
+        uploader.setRetryDelays(delays);
+        uploader.setResumable(true);
+        QElapsedTimer clock;
+        QList<qint64> sentAt;
+        uploader.hook = [&](QNetworkRequest&, const HookedUploader::Prepared&) {
+            sentAt.append(clock.elapsed());
+            // A refusal on loopback comes at once: a third of the wait later, it waits.
+            if (sentAt.size() == abortAfter)
+                QTimer::singleShot(delays.at(abortAfter - 1) / 3, &uploader, [&] { uploader.abort(); });
+        };
+        QSignalSpy failed(&uploader, &TusUploader::uploadFailed);
+        clock.start();
+        QVERIFY(uploader.startUploadFile(path, QString()));
+        QVERIFY(failed.wait(UploadTimeoutMs));
+        QVERIFY2(failed.at(0).at(1).toString().contains(reason), qPrintable(failed.at(0).at(1).toString()));
+        QCOMPARE(uploader.getState(), TusState::Error);
+        const int attempts = abortAfter ? abortAfter : delays.size() + 1;
+        QCOMPARE(sentAt.size(), attempts);
+        for (int i = 1; i < attempts; ++i) {
+            const qint64 gap = sentAt.at(i) - sentAt.at(i - 1);
+            QVERIFY2(gap >= delays.at(i - 1) && gap < delays.at(i - 1) + 1000, qPrintable(QString::number(gap)));
+        }
+        if (abortAfter) {
+            QVERIFY(!failed.wait(2 * delays.last()));
+            QCOMPARE(sentAt.size(), attempts);
+            uploader.abort(); // nothing runs: no second signal
+            QCOMPARE(failed.count(), 1);
+        }
+    }
+
+    // abort() mid-upload: the server keeps the upload, and so do the settings, unless it
+    // terminates, which deletes both.
+    void abortMidUpload_data()
+    {
+        QTest::addColumn<bool>("terminate");
+        QTest::newRow("abort") << false;
+        QTest::newRow("abort and terminate") << true;
+    }
+    void abortMidUpload()
+    {
+        QFETCH(bool, terminate);
+        const int chunk = 64 * 1024;
+        const QString path = makeFile(m_files, QStringLiteral("aborted.bin"), randomBytes(5 * chunk, 14));
+        HookedUploader uploader(m_server.creationUrl());
+        uploader.setChunkSize(chunk);
+        uploader.setResumable(true);
+        uploader.setAuthentication(QStringLiteral("token"), QString());
+        QSignalSpy failed(&uploader, &TusUploader::uploadFailed);
+        connect(&uploader, &TusUploader::uploadProgress, this, [&](const QString&, qint64, qint64 sent) {
+            if (sent >= 2 * chunk)
+                uploader.abort(terminate);
+        });
+        QVERIFY(uploader.startUploadFile(path, QString()));
+        QVERIFY(failed.wait(UploadTimeoutMs));
+        QVERIFY(!failed.wait(100)); // once
+        QCOMPARE(failed.at(0).at(1).toString(), QStringLiteral("Upload aborted"));
+        QCOMPARE(uploader.getState(), TusState::Error);
+        QSettings settings;
+        settings.beginGroup(QStringLiteral("TusUploads"));
+        QCOMPARE(settings.childKeys().size(), terminate ? 0 : 1);
+        if (terminate) {
+            QTRY_COMPARE_WITH_TIMEOUT(m_server.requests("DELETE").size(), 1, UploadTimeoutMs);
+            QCOMPARE(uploader.count("DELETE"), 1);
+            QCOMPARE(m_server.requests("DELETE").at(0).header("Authorization"), QByteArray("Bearer token"));
+        }
+
+        veltrax::NetManager manager;
+        QNetworkRequest head {QUrl(uploader.serverFilePath())};
+        head.setRawHeader("Tus-Resumable", "1.0.0");
+        QNetworkReply* reply = manager->head(head);
+        QSignalSpy answered(reply, &QNetworkReply::finished);
+        QVERIFY(answered.wait(UploadTimeoutMs));
+        const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        reply->deleteLater();
+        QVERIFY2(terminate ? status == 404 || status == 410 : status == 200, qPrintable(QString::number(status)));
     }
 };
 
