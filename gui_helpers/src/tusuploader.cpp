@@ -245,7 +245,10 @@ bool TusUploader::startUploadFile(const QString& filePath, const QString& metaDa
     }
 
     d->closeFile();
-    d->retryTimer.stop();
+    // A retry still due from an upload that a bad path set to Error must not go out now.
+    // (Checked first: a timer may only be stopped from its own thread.)
+    if (d->retryTimer.isActive())
+        d->retryTimer.stop();
     d->filePath = filePath;
     d->metaData = metaData;
     d->uploadUrl.clear();

@@ -190,18 +190,23 @@ private Q_SLOTS:
     }
 
     // abort() mid-upload: the server keeps the upload, and so do the settings, unless it
-    // terminates, which deletes both.
-    void abortMidUpload_data()
+    // terminates, which deletes both. A new uploader then goes on from the server's offset,
+    // or creates the upload anew when the server has lost it.
+    void abortMidUploadThenStartAgain_data()
     {
         QTest::addColumn<bool>("terminate");
-        QTest::newRow("abort") << false;
-        QTest::newRow("abort and terminate") << true;
+        QTest::addColumn<bool>("lostOnServer");
+        QTest::newRow("abort") << false << false;
+        QTest::newRow("abort, then the server loses the upload") << false << true;
+        QTest::newRow("abort and terminate") << true << false;
     }
-    void abortMidUpload()
+    void abortMidUploadThenStartAgain()
     {
         QFETCH(bool, terminate);
+        QFETCH(bool, lostOnServer);
         const int chunk = 64 * 1024;
-        const QString path = makeFile(m_files, QStringLiteral("aborted.bin"), randomBytes(5 * chunk, 14));
+        const QByteArray contents = randomBytes(5 * chunk, 14);
+        const QString path = makeFile(m_files, QStringLiteral("aborted.bin"), contents);
         HookedUploader uploader(m_server.creationUrl());
         uploader.setChunkSize(chunk);
         uploader.setResumable(true);
@@ -216,9 +221,9 @@ private Q_SLOTS:
         QVERIFY(!failed.wait(100)); // once
         QCOMPARE(failed.at(0).at(1).toString(), QStringLiteral("Upload aborted"));
         QCOMPARE(uploader.getState(), TusState::Error);
-        QSettings settings;
-        settings.beginGroup(QStringLiteral("TusUploads"));
-        QCOMPARE(settings.childKeys().size(), terminate ? 0 : 1);
+        const QStringList kept = QSettings().allKeys();
+        QCOMPARE(kept.size(), terminate ? 0 : 1);
+        QVERIFY(terminate || (kept.first().startsWith("TusUploads/") && QSettings().value(kept.first()) == uploader.serverFilePath()));
         if (terminate) {
             QTRY_COMPARE_WITH_TIMEOUT(m_server.requests("DELETE").size(), 1, UploadTimeoutMs);
             QCOMPARE(uploader.count("DELETE"), 1);
@@ -226,14 +231,31 @@ private Q_SLOTS:
         }
 
         veltrax::NetManager manager;
-        QNetworkRequest head {QUrl(uploader.serverFilePath())};
-        head.setRawHeader("Tus-Resumable", "1.0.0");
-        QNetworkReply* reply = manager->head(head);
-        QSignalSpy answered(reply, &QNetworkReply::finished);
-        QVERIFY(answered.wait(UploadTimeoutMs));
-        const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        reply->deleteLater();
-        QVERIFY2(terminate ? status == 404 || status == 410 : status == 200, qPrintable(QString::number(status)));
+        const auto ask = [&](bool head) {
+            QNetworkRequest request {QUrl(uploader.serverFilePath())};
+            request.setRawHeader("Tus-Resumable", "1.0.0");
+            QNetworkReply* reply = head ? manager->head(request) : manager->deleteResource(request);
+            QSignalSpy answered(reply, &QNetworkReply::finished);
+            answered.wait(UploadTimeoutMs);
+            reply->deleteLater();
+            return reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        };
+        if (lostOnServer)
+            QCOMPARE(ask(false), 204);
+        const int status = ask(true);
+        QVERIFY2(terminate || lostOnServer ? status == 404 || status == 410 : status == 200, qPrintable(QString::number(status)));
+
+        HookedUploader again(m_server.creationUrl());
+        again.setChunkSize(chunk);
+        again.setResumable(true);
+        QSignalSpy finished(&again, &TusUploader::uploadFinished);
+        QVERIFY(again.startUploadFile(path, QString()));
+        QVERIFY(finished.wait(UploadTimeoutMs));
+        QCOMPARE(again.count("HEAD"), terminate ? 0 : 1);
+        QCOMPARE(again.creations(), terminate || lostOnServer ? 1 : 0);
+        QCOMPARE(again.patchOffsets().value(0) > 0, !terminate && !lostOnServer);
+        QVERIFY(m_server.storedData(TusServerProcess::idOfUploadUrl(again.serverFilePath())) == contents);
+        QVERIFY(QSettings().allKeys().isEmpty()); // success forgets the URL
     }
 };
 
