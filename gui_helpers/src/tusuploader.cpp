@@ -203,7 +203,8 @@ void TusUploader::abort(bool terminate)
     veltrax::Lock lock(d->mutex);
     if (d->state != TusState::Start && d->state != TusState::Patch)
         return;
-    d->retryTimer.stop();
+    if (d->retryTimer.isActive())
+        d->retryTimer.stop();
     d->dropReply();
     if (terminate) {
         if (!d->uploadUrl.isEmpty()) {
@@ -554,8 +555,10 @@ void TusUploaderPrivate::end(veltrax::Lock& lock, TusState endState, const QStri
     // Callers are slots entered from the event loop, so this lock is the only hold.
     Q_ASSERT(mutex.recursionCount() == 1);
     state = endState;
-    retryTimer.stop();
-    stallTimer.stop();
+    for (QTimer* timer : {&retryTimer, &stallTimer}) {
+        if (timer->isActive())
+            timer->stop();
+    }
     closeFile();
     const QString path = filePath;
     const bool deleteSelf = deleteOnFinished;
@@ -736,7 +739,8 @@ void TusUploaderPrivate::forget()
 
 void TusUploaderPrivate::dropReply()
 {
-    stallTimer.stop();
+    if (stallTimer.isActive())
+        stallTimer.stop();
     if (QNetworkReply* running = reply.data()) {
         reply = nullptr;
         QObject::disconnect(running, nullptr, q, nullptr);
