@@ -9,6 +9,8 @@
 #include "tusuploader.h"
 
 #include <QElapsedTimer>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QNetworkAccessManager>
 #include <QTimer>
 #include <QSettings>
@@ -195,15 +197,17 @@ private Q_SLOTS:
     void abortMidUploadThenStartAgain_data()
     {
         QTest::addColumn<bool>("terminate");
-        QTest::addColumn<bool>("lostOnServer");
-        QTest::newRow("abort") << false << false;
-        QTest::newRow("abort, then the server loses the upload") << false << true;
-        QTest::newRow("abort and terminate") << true << false;
+        QTest::addColumn<QByteArray>("onServer"); // what then happens to the upload there
+        QTest::newRow("abort") << false << QByteArray();
+        QTest::newRow("abort, then the server loses the upload") << false << QByteArray("deleted");
+        QTest::newRow("abort, then the server's length differs") << false << QByteArray("length");
+        QTest::newRow("abort and terminate") << true << QByteArray();
     }
     void abortMidUploadThenStartAgain()
     {
         QFETCH(bool, terminate);
-        QFETCH(bool, lostOnServer);
+        QFETCH(QByteArray, onServer);
+        const bool anew = terminate || !onServer.isEmpty();
         const int chunk = 64 * 1024;
         const QByteArray contents = randomBytes(5 * chunk, 14);
         const QString path = makeFile(m_files, QStringLiteral("aborted.bin"), contents);
@@ -240,10 +244,16 @@ private Q_SLOTS:
             reply->deleteLater();
             return reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
         };
-        if (lostOnServer)
+        const QString id = TusServerProcess::idOfUploadUrl(uploader.serverFilePath());
+        if (onServer == "deleted")
             QCOMPARE(ask(false), 204);
+        if (onServer == "length") {
+            QJsonObject info = m_server.storedInfo(id);
+            info.insert(QStringLiteral("size"), contents.size() + 1);
+            QVERIFY(writeFile(m_server.storeDirectory() + QLatin1Char('/') + id + QStringLiteral(".json"), QJsonDocument(info).toJson()));
+        }
         const int status = ask(true);
-        QVERIFY2(terminate || lostOnServer ? status == 404 || status == 410 : status == 200, qPrintable(QString::number(status)));
+        QVERIFY2(terminate || onServer == "deleted" ? status == 404 || status == 410 : status == 200, qPrintable(QString::number(status)));
 
         HookedUploader again(m_server.creationUrl());
         again.setChunkSize(chunk);
@@ -252,8 +262,8 @@ private Q_SLOTS:
         QVERIFY(again.startUploadFile(path, QString()));
         QVERIFY(finished.wait(UploadTimeoutMs));
         QCOMPARE(again.count("HEAD"), terminate ? 0 : 1);
-        QCOMPARE(again.creations(), terminate || lostOnServer ? 1 : 0);
-        QCOMPARE(again.patchOffsets().value(0) > 0, !terminate && !lostOnServer);
+        QCOMPARE(again.creations(), anew ? 1 : 0);
+        QCOMPARE(again.patchOffsets().value(0) > 0, !anew);
         QVERIFY(m_server.storedData(TusServerProcess::idOfUploadUrl(again.serverFilePath())) == contents);
         QVERIFY(QSettings().allKeys().isEmpty()); // success forgets the URL
     }
