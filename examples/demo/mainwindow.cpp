@@ -364,6 +364,14 @@ QWidget* MainWindow::createUploadPane()
     connect(m_sampleButton, &QPushButton::clicked, this, &MainWindow::uploadSample);
     buttons->addWidget(m_uploadButton);
     buttons->addWidget(m_sampleButton);
+    // The upload URL stays remembered: the same file, started again, goes on where it stopped.
+    m_cancelUploadButton = new QPushButton(tr("Cancel"), box);
+    m_cancelUploadButton->setEnabled(false);
+    connect(m_cancelUploadButton, &QPushButton::clicked, this, [this] {
+        if (m_uploader)
+            m_uploader->abort();
+    });
+    buttons->addWidget(m_cancelUploadButton);
     buttons->addStretch();
     layout->addLayout(buttons);
     layout->addStretch();
@@ -372,6 +380,11 @@ QWidget* MainWindow::createUploadPane()
         m_uploader = new TusUploader(m_context.services->tusUrl(), this);
         // Small chunks, so that the progress bar moves in steps even on loopback.
         m_uploader->setChunkSize(256 * 1024);
+        // Everything that keeps an upload alive: resume from the server's offset (across
+        // restarts too), bounded retries, and a stalled server noticed.
+        m_uploader->setResumable(true);
+        m_uploader->setRetryDelays({1000, 3000, 5000, 10000, 20000});
+        m_uploader->setStallTimeout(30000);
         connect(m_uploader, &TusUploader::uploadProgress, this, [this](const QString&, qint64, qint64 sent, int percent, qint64 rate) {
             m_uploadProgress->setValue(percent);
             m_uploadStateLabel->setText(tr("%1 sent (%2/s)").arg(sizeText(sent), sizeText(rate)));
@@ -383,6 +396,7 @@ QWidget* MainWindow::createUploadPane()
             m_uploadStateLabel->setText(message + QLatin1Char('.'));
             m_uploadButton->setEnabled(true);
             m_sampleButton->setEnabled(true);
+            m_cancelUploadButton->setEnabled(false);
             DemoUsageStatistics::log(QStringLiteral("File uploaded"));
             Q_EMIT uploadEnded(true, message);
         });
@@ -391,6 +405,7 @@ QWidget* MainWindow::createUploadPane()
             m_uploadStateLabel->setText(tr("<span style=\"color:#b00020\">%1</span>").arg(message.toHtmlEscaped()));
             m_uploadButton->setEnabled(true);
             m_sampleButton->setEnabled(true);
+            m_cancelUploadButton->setEnabled(false);
             Q_EMIT uploadEnded(false, message);
         });
     } else {
@@ -416,6 +431,7 @@ bool MainWindow::uploadFile(const QString& path)
     m_uploadStateLabel->setText(tr("Uploading %1 …").arg(QFileInfo(path).fileName()));
     m_uploadButton->setEnabled(false);
     m_sampleButton->setEnabled(false);
+    m_cancelUploadButton->setEnabled(true);
     return true;
 }
 

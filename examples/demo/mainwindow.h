@@ -98,6 +98,7 @@ private:
     QProgressBar* m_uploadProgress = nullptr;
     QPushButton* m_uploadButton = nullptr;
     QPushButton* m_sampleButton = nullptr;
+    QPushButton* m_cancelUploadButton = nullptr;
     QCheckBox* m_consentCheckBox = nullptr;
     QLabel* m_usageLogLabel = nullptr;
     QLabel* m_usageStateLabel = nullptr;

@@ -6,11 +6,14 @@
 #include "vxtypes.h"
 
 #include <QBuffer>
+#include <QCryptographicHash>
+#include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
 #include <QNetworkAccessManager>
 #include <QNetworkRequest>
 #include <QPointer>
+#include <QSettings>
 #include <QTimer>
 #include <QUrl>
 
@@ -22,6 +25,7 @@
 namespace
 {
 const QByteArray TusVersion = QByteArrayLiteral("1.0.0");
+const QString SettingsGroup = QStringLiteral("TusUploads");
 
 int httpStatus(const QNetworkReply* reply)
 {
@@ -32,11 +36,35 @@ int httpStatus(const QNetworkReply* reply)
 class TusUploaderPrivate
 {
 public:
+    /** What a retry sends again. */
+    enum class Step { Create, Patch, Head };
+
     TusUploaderPrivate(TusUploader* q, const QString& serverUrl)
         : q(q)
         , serverUrl(serverUrl)
     {
+        retryTimer.setSingleShot(true);
+        QObject::connect(&retryTimer, &QTimer::timeout, q, [this] { retry(); });
+        stallTimer.setSingleShot(true);
+        QObject::connect(&stallTimer, &QTimer::timeout, q, [this] { abortStalled(); });
     }
+
+    /** Asks the server how much of the upload it has; the answer goes to onHeadFinished(). */
+    void sendHead();
+    void onHeadFinished(QNetworkReply* finished);
+    /** Forgets the upload URL and creates a new upload. Call with the lock held. */
+    void startAnew(const QString& why);
+    /** Resends @p step after the next delay, or ends the upload when the delays are used up. */
+    void retryOrFail(veltrax::Lock& lock, Step step, const QString& error);
+    void retry();
+    /** Arms the stall timer for @p sent, re-armed by every byte it moves. */
+    void watch(QNetworkReply* sent);
+    void abortStalled();
+    /** Keeps or drops the upload URL under settingsKey (only set when resumable). */
+    void remember();
+    void forget();
+    /** Stops the request in flight without any of its signals reaching us. */
+    void dropReply();
 
     /** Sends the chunk at the acknowledged offset; returns why it could not, or empty. */
     QString patchNextChunk();
@@ -75,6 +103,17 @@ public:
     QList<int> retryDelays;
     // Failures since the server last acknowledged progress.
     int failures = 0;
+    bool resumable = false;
+    int stallTimeoutMs = 0;
+    // A 409 has been answered with a HEAD and no progress came since: the next one ends it.
+    bool conflictSeen = false;
+    // The request in flight was aborted by the stall timer.
+    bool stalled = false;
+    Step retryStep = Step::Create;
+    QTimer retryTimer;
+    QTimer stallTimer;
+    // Where the upload URL is kept while the upload runs; empty when not resumable.
+    QString settingsKey;
 
     // The request in flight; a PATCH owns its body, which must live as long as the reply
     // may read it (Qt may still ask for data after an early error answer).
@@ -147,6 +186,42 @@ void TusUploader::setDeleteOnFinished(bool deleteOnFinished)
     d->deleteOnFinished = deleteOnFinished;
 }
 
+void TusUploader::setResumable(bool resumable)
+{
+    veltrax::Lock lock(d->mutex);
+    d->resumable = resumable;
+}
+
+void TusUploader::setStallTimeout(int ms)
+{
+    veltrax::Lock lock(d->mutex);
+    d->stallTimeoutMs = qMax(0, ms);
+}
+
+void TusUploader::abort(bool terminate)
+{
+    veltrax::Lock lock(d->mutex);
+    if (d->state != TusState::Start && d->state != TusState::Patch)
+        return;
+    if (d->retryTimer.isActive())
+        d->retryTimer.stop();
+    d->dropReply();
+    if (terminate) {
+        if (!d->uploadUrl.isEmpty()) {
+            QNetworkRequest request {QUrl(d->uploadUrl)};
+            request.setRawHeader(QByteArrayLiteral("Tus-Resumable"), TusVersion);
+            fillAuthentication(request);
+            request.setAttribute(QNetworkRequest::CustomVerbAttribute, QByteArrayLiteral("DELETE"));
+            prepareRequest(request);
+            // Nobody waits for the answer: the upload is over either way.
+            QNetworkReply* sent = d->netManager->deleteResource(request);
+            connect(sent, &QNetworkReply::finished, sent, &QObject::deleteLater);
+        }
+        d->forget();
+    }
+    d->fail(lock, tr("Upload aborted"));
+}
+
 void TusUploader::setRetryDelays(const QList<int>& delaysMs)
 {
     veltrax::Lock lock(d->mutex);
@@ -171,13 +246,33 @@ bool TusUploader::startUploadFile(const QString& filePath, const QString& metaDa
     }
 
     d->closeFile();
+    // A retry still due from an upload that a bad path set to Error must not go out now.
+    // (Checked first: a timer may only be stopped from its own thread.)
+    if (d->retryTimer.isActive())
+        d->retryTimer.stop();
     d->filePath = filePath;
     d->metaData = metaData;
     d->uploadUrl.clear();
     d->offset = 0;
     d->currentChunkLength = 0;
     d->failures = 0;
+    d->conflictSeen = false;
     d->fileSize = info.size();
+    d->settingsKey.clear();
+    if (d->resumable) {
+        const QByteArray print = d->serverUrl.toUtf8() + '\n' + info.absoluteFilePath().toUtf8() + '\n' + QByteArray::number(d->fileSize) + '\n'
+            + QByteArray::number(info.lastModified().toMSecsSinceEpoch());
+        d->settingsKey = QString::fromLatin1(QCryptographicHash::hash(print, QCryptographicHash::Sha256).toHex());
+        QSettings settings;
+        settings.beginGroup(SettingsGroup);
+        d->uploadUrl = settings.value(d->settingsKey).toString();
+    }
+    if (!d->uploadUrl.isEmpty()) {
+        JDEBUG(filePath << " (" << d->fileSize << " bytes) resumes at " << d->uploadUrl);
+        d->state = TusState::Start;
+        d->sendHead();
+        return true;
+    }
     JDEBUG(filePath << " (" << d->fileSize << " bytes) to " << d->serverUrl);
     sendStart();
     return true;
@@ -244,6 +339,7 @@ void TusUploader::sendStart()
     prepareRequest(request);
     QNetworkReply* reply = d->netManager->post(request, QByteArray());
     d->reply = reply;
+    d->watch(reply);
     connect(reply, &QNetworkReply::finished, this, &TusUploader::onCreateFinished);
     connect(reply, &QNetworkReply::errorOccurred, this, &TusUploader::onNetworkError);
 }
@@ -255,6 +351,7 @@ void TusUploader::onCreateFinished()
     if (!reply)
         return;
     d->failures = 0;
+    d->conflictSeen = false;
 
     QByteArray location = reply->rawHeader(QByteArrayLiteral("Location"));
     if (location.isEmpty()) {
@@ -267,6 +364,7 @@ void TusUploader::onCreateFinished()
         location.prepend(d->serverUrl.section(QLatin1Char(':'), 0, 0).toUtf8() + ':');
     d->uploadUrl = QString::fromUtf8(location);
     JDEBUG(d->filePath << " goes to " << d->uploadUrl);
+    d->remember();
 
     if (d->fileSize == 0) {
         // Nothing to send: an empty PATCH would only restate what the creation said.
@@ -339,6 +437,7 @@ QString TusUploaderPrivate::patchNextChunk()
     file->unmap(mapped);
     body->setParent(sent);
     reply = sent;
+    watch(sent);
     QObject::connect(sent, &QNetworkReply::finished, q, &TusUploader::onPatchFinished);
     QObject::connect(sent, &QNetworkReply::errorOccurred, q, &TusUploader::onNetworkError);
     QObject::connect(sent, &QNetworkReply::uploadProgress, q, &TusUploader::onProgress);
@@ -351,6 +450,7 @@ void TusUploader::onPatchFinished()
     if (!d->takeFinishedReply(qobject_cast<QNetworkReply*>(sender()), 204, __func__, QStringLiteral("chunk at %1 of %2").arg(d->offset).arg(d->filePath)))
         return;
     d->failures = 0;
+    d->conflictSeen = false;
 
     d->offset += d->currentChunkLength;
     if (d->offset < d->fileSize) {
@@ -374,8 +474,17 @@ void TusUploader::onNetworkError(QNetworkReply::NetworkError code)
     if (reply != d->reply)
         return;
 
-    // A locked upload or a server in trouble may recover; a refusal will not.
+    d->stallTimer.stop();
     const int status = httpStatus(reply);
+    // The server kept part of a chunk (or of an earlier one we did not hear of): ask it.
+    if (status == 409 && d->resumable && d->state == TusState::Patch && !d->conflictSeen) {
+        JALERT(d->filePath << ": offset " << d->offset << " refused, asking the server for its own");
+        d->conflictSeen = true;
+        d->reply = nullptr;
+        d->sendHead();
+        return;
+    }
+    // A locked upload or a server in trouble may recover; a refusal will not.
     const bool retryStatus = !d->retryDelays.isEmpty() && (status == 423 || status >= 500);
     if (status != 0 && !retryStatus) {
         JERROR("server answered " << status);
@@ -384,21 +493,10 @@ void TusUploader::onNetworkError(QNetworkReply::NetworkError code)
     }
     if (d->state != TusState::Start && d->state != TusState::Patch)
         return;
-
-    int delay = DefaultRetryDelayMs;
-    if (!d->retryDelays.isEmpty()) {
-        if (d->failures >= d->retryDelays.size()) {
-            d->fail(lock, tr("Gave up after %1 failed attempts, the last with: %2").arg(d->failures + 1).arg(reply->errorString()));
-            return;
-        }
-        delay = d->retryDelays.at(d->failures++);
-    }
-    JALERT(d->filePath << ": network error " << int(code) << " (" << reply->errorString() << ") in state " << int(d->state) << ", resending in " << delay
-                       << " ms");
-    if (d->state == TusState::Start)
-        QTimer::singleShot(delay, this, &TusUploader::sendStart);
-    else
-        QTimer::singleShot(delay, this, &TusUploader::sendPatch);
+    JALERT(d->filePath << ": network error " << int(code) << " in state " << int(d->state));
+    using Step = TusUploaderPrivate::Step;
+    const Step step = d->state == TusState::Start ? Step::Create : d->resumable ? Step::Head : Step::Patch;
+    d->retryOrFail(lock, step, d->stalled ? tr("No data moved for %1 ms").arg(d->stallTimeoutMs) : reply->errorString());
 }
 
 void TusUploader::onProgress(qint64 bytesSent, qint64 bytesTotal)
@@ -428,6 +526,7 @@ QNetworkReply* TusUploaderPrivate::takeFinishedReply(QNetworkReply* finished, in
     if (finished != reply)
         return nullptr; // a request of an earlier upload
     reply = nullptr;
+    stallTimer.stop();
 
     const int status = httpStatus(finished);
     if (status == expectedStatus)
@@ -441,6 +540,7 @@ QNetworkReply* TusUploaderPrivate::takeFinishedReply(QNetworkReply* finished, in
 void TusUploaderPrivate::finish(veltrax::Lock& lock)
 {
     JDEBUG(filePath << " complete, " << fileSize << " bytes");
+    forget();
     end(lock, TusState::Finish, QString());
 }
 
@@ -455,6 +555,10 @@ void TusUploaderPrivate::end(veltrax::Lock& lock, TusState endState, const QStri
     // Callers are slots entered from the event loop, so this lock is the only hold.
     Q_ASSERT(mutex.recursionCount() == 1);
     state = endState;
+    for (QTimer* timer : {&retryTimer, &stallTimer}) {
+        if (timer->isActive())
+            timer->stop();
+    }
     closeFile();
     const QString path = filePath;
     const bool deleteSelf = deleteOnFinished;
@@ -477,5 +581,171 @@ void TusUploaderPrivate::closeFile()
         file->close();
         file->deleteLater();
         file = nullptr;
+    }
+}
+
+void TusUploaderPrivate::sendHead()
+{
+    veltrax::Lock lock(mutex);
+    QNetworkRequest request {QUrl(uploadUrl)};
+    request.setRawHeader(QByteArrayLiteral("Tus-Resumable"), TusVersion);
+    q->fillAuthentication(request);
+    // Lets prepareRequest() overrides tell it from the other requests.
+    request.setAttribute(QNetworkRequest::CustomVerbAttribute, QByteArrayLiteral("HEAD"));
+    q->prepareRequest(request);
+    QNetworkReply* sent = netManager->head(request);
+    reply = sent;
+    watch(sent);
+    QObject::connect(sent, &QNetworkReply::finished, q, [this, sent] { onHeadFinished(sent); });
+}
+
+void TusUploaderPrivate::onHeadFinished(QNetworkReply* finished)
+{
+    finished->deleteLater();
+    veltrax::Lock lock(mutex);
+    if (finished != reply)
+        return;
+    reply = nullptr;
+    stallTimer.stop();
+
+    const int status = httpStatus(finished);
+    if (status == 0 || (!retryDelays.isEmpty() && (status == 423 || status >= 500))) {
+        retryOrFail(lock, Step::Head, stalled ? TusUploader::tr("No data moved for %1 ms").arg(stallTimeoutMs) : finished->errorString());
+        return;
+    }
+    if (status == 404 || status == 410) {
+        startAnew(QStringLiteral("the server no longer knows it"));
+        return;
+    }
+    if (status != 200 && status != 204) {
+        fail(lock, finished->errorString());
+        return;
+    }
+    bool offsetOk = false;
+    const qint64 serverOffset = finished->rawHeader(QByteArrayLiteral("Upload-Offset")).toLongLong(&offsetOk);
+    const QByteArray lengthHeader = finished->rawHeader(QByteArrayLiteral("Upload-Length"));
+    if (!offsetOk || serverOffset < 0 || serverOffset > fileSize || (!lengthHeader.isEmpty() && lengthHeader.toLongLong() != fileSize)) {
+        startAnew(QStringLiteral("the server's offset or length does not fit the file"));
+        return;
+    }
+    JDEBUG(filePath << ": the server has " << serverOffset << " bytes, we had " << offset);
+    if (serverOffset > offset)
+        failures = 0;
+    offset = serverOffset;
+    if (offset == fileSize) {
+        finish(lock);
+        return;
+    }
+    if (!file) {
+        file = new QFile(filePath);
+        if (!file->open(QIODevice::ReadOnly)) {
+            fail(lock, TusUploader::tr("Cannot open %1: %2").arg(filePath, file->errorString()));
+            return;
+        }
+    }
+    const QString failure = patchNextChunk();
+    if (!failure.isEmpty())
+        fail(lock, failure);
+}
+
+void TusUploaderPrivate::startAnew(const QString& why)
+{
+    JALERT(filePath << ": " << uploadUrl << " cannot go on (" << why << "), creating a new upload");
+    forget();
+    uploadUrl.clear();
+    offset = 0;
+    q->sendStart();
+}
+
+void TusUploaderPrivate::retryOrFail(veltrax::Lock& lock, Step step, const QString& error)
+{
+    int delay = TusUploader::DefaultRetryDelayMs;
+    if (!retryDelays.isEmpty()) {
+        if (failures >= retryDelays.size()) {
+            fail(lock, TusUploader::tr("Gave up after %1 failed attempts, the last with: %2").arg(failures + 1).arg(error));
+            return;
+        }
+        delay = retryDelays.at(failures++);
+    }
+    JALERT(filePath << ": " << error << ", step " << int(step) << " again in " << delay << " ms");
+    retryStep = step;
+    // A coarse timer may fire up to 5 % early; short waits are kept to the millisecond.
+    retryTimer.setTimerType(delay >= 2000 ? Qt::CoarseTimer : Qt::PreciseTimer);
+    retryTimer.start(delay);
+}
+
+void TusUploaderPrivate::retry()
+{
+    switch (retryStep) {
+    case Step::Create:
+        q->sendStart();
+        break;
+    case Step::Patch:
+        q->sendPatch();
+        break;
+    case Step::Head:
+        sendHead();
+        break;
+    }
+}
+
+void TusUploaderPrivate::watch(QNetworkReply* sent)
+{
+    stalled = false;
+    if (stallTimeoutMs <= 0) {
+        stallTimer.stop();
+        return;
+    }
+    stallTimer.start(stallTimeoutMs);
+    const auto moved = [this, sent] {
+        if (sent == reply && stallTimer.isActive())
+            stallTimer.start(stallTimeoutMs);
+    };
+    QObject::connect(sent, &QNetworkReply::uploadProgress, q, moved);
+    QObject::connect(sent, &QNetworkReply::downloadProgress, q, moved);
+}
+
+void TusUploaderPrivate::abortStalled()
+{
+    veltrax::Lock lock(mutex);
+    const QPointer<QNetworkReply> stuck = reply;
+    if (!stuck)
+        return;
+    JALERT(filePath << ": no data moved for " << stallTimeoutMs << " ms, giving up on this request");
+    stalled = true;
+    // The reply reports the failure at once, through its usual handlers, which signal: so
+    // without our lock.
+    lock.unlock();
+    stuck->abort();
+}
+
+void TusUploaderPrivate::remember()
+{
+    if (settingsKey.isEmpty())
+        return;
+    QSettings settings;
+    settings.beginGroup(SettingsGroup);
+    settings.setValue(settingsKey, uploadUrl);
+}
+
+void TusUploaderPrivate::forget()
+{
+    if (settingsKey.isEmpty())
+        return;
+    QSettings settings;
+    settings.beginGroup(SettingsGroup);
+    settings.remove(settingsKey);
+}
+
+void TusUploaderPrivate::dropReply()
+{
+    if (stallTimer.isActive())
+        stallTimer.stop();
+    if (QNetworkReply* running = reply.data()) {
+        reply = nullptr;
+        QObject::disconnect(running, nullptr, q, nullptr);
+        if (running->isRunning())
+            running->abort();
+        running->deleteLater();
     }
 }

@@ -46,12 +46,14 @@ GUI_HELPERS_EXPORT std::ostream& operator<<(std::ostream& stream, TusState state
  * Failures:
  * - A transport failure (connection refused, reset, host not found, time-out, TLS) resends
  *   the step that failed, unchanged, after 5000 ms, as often as it takes (setRetryDelays()
- *   sets other delays and a limit). A PATCH is resent at the offset the server last acknowledged; nothing
- *   asks the server for its offset, so if it had kept part of the lost chunk it answers
- *   409 and the upload fails. With a chunk larger than the socket buffers that early 409
- *   can be cut off before Qt reads it, and the resend then repeats until the object is
- *   deleted: a host that wants to survive a server dying mid-chunk keeps chunks small or
- *   sets retry delays.
+ *   sets other delays and a limit). A PATCH is resent at the offset the server last
+ *   acknowledged; unless setResumable() is on, nothing asks the server for its offset, so
+ *   if it had kept part of the lost chunk it answers 409 and the upload fails. With a
+ *   chunk larger than the socket buffers that early 409 can be cut off before Qt reads
+ *   it, and the resend then repeats until the object is deleted: a host that wants to
+ *   survive a server dying mid-chunk turns on setResumable(), or keeps chunks small or
+ *   sets retry delays. A server that stops reading keeps a request waiting as long as
+ *   the connection lasts, unless setStallTimeout() is set.
  * - An HTTP error status ends the upload: state Error and uploadFailed() with the reply's
  *   error text (with retry delays set, 423 and 5xx are retried instead). A server that
  *   answers and closes the connection before it has read a large body (an unknown upload
@@ -118,6 +120,45 @@ public:
      * next failure on.
      */
     void setRetryDelays(const QList<int>& delaysMs);
+
+    /**
+     * Off by default. When on, an upload survives a lost connection, a server that kept part
+     * of a chunk, and the end of the process:
+     * - After a transport failure or a 409 answer while patching, "HEAD <upload URL>" asks
+     *   the server for its "Upload-Offset", and the chunks go on from there, whatever had
+     *   been acknowledged before. The HEAD replaces the resend: after a transport failure it
+     *   goes out when the resend would have (retry delays apply, and to a HEAD that fails in
+     *   transport too); after a 409 at once (a second 409 without progress in between ends
+     *   the upload). A 404 or 410 answer starts a new upload with a POST; another error
+     *   status ends the upload.
+     * - From the creation reply until the upload finishes, its URL is kept in the
+     *   application's QSettings, group "TusUploads", under a fingerprint of the server URL
+     *   and the file's absolute path, size and modification time. Success and
+     *   abort(true) remove the entry.
+     * - startUploadFile() for a file with a kept URL for this server asks HEAD first and
+     *   goes on from the server's offset, in a new process too. When the server no longer
+     *   knows the upload (404, 410) or its "Upload-Length" differs, a new upload starts.
+     * Every HEAD carries "Tus-Resumable" and the authentication headers and passes through
+     * prepareRequest(); a HEAD costs one request per interruption.
+     */
+    void setResumable(bool resumable);
+
+    /**
+     * 0 (the default): requests wait as long as the connection lasts. Otherwise a request
+     * that moves no byte in either direction for @p ms milliseconds is aborted and handled
+     * as a transport failure (so retried, and with setResumable() resumed from the
+     * server's offset). Takes effect from the next request on.
+     */
+    void setStallTimeout(int ms);
+
+    /**
+     * Stops the running upload (state Start or Patch): the request in flight is aborted,
+     * no retry or timer follows, the state becomes Error and uploadFailed() is emitted once
+     * with the reason "Upload aborted". With @p terminate, "DELETE <upload URL>" asks the
+     * server to drop what it has (when the upload was created), and the kept URL is
+     * forgotten. Does nothing when no upload runs.
+     */
+    void abort(bool terminate = false);
 
     /**
      * Starts uploading @p filePath with the "Upload-Metadata" value @p metaData (built with

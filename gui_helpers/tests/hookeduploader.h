@@ -20,6 +20,7 @@ public:
         qint64 offset;
         QUrl url;
         QList<QByteArray> headerNames; ///< as handed to the access manager, in order
+        QByteArray verb; ///< "HEAD" or "DELETE"; empty for the creation and the chunks
     };
 
     using TusUploader::TusUploader;
@@ -27,7 +28,8 @@ public:
     QNetworkRequest& prepareRequest(QNetworkRequest& request) override
     {
         const bool patch = request.hasRawHeader("Upload-Offset");
-        prepared.append({patch, patch ? request.rawHeader("Upload-Offset").toLongLong() : -1, request.url(), request.rawHeaderList()});
+        prepared.append({patch, patch ? request.rawHeader("Upload-Offset").toLongLong() : -1, request.url(), request.rawHeaderList(),
+            request.attribute(QNetworkRequest::CustomVerbAttribute).toByteArray()});
         if (hook)
             hook(request, prepared.constLast());
         return request;
@@ -44,7 +46,13 @@ public:
     int creations() const
     {
         return int(std::count_if(prepared.begin(), prepared.end(), [](const Prepared& p) {
-            return !p.patch;
+            return !p.patch && p.verb.isEmpty();
+        }));
+    }
+    int count(const QByteArray& verb) const
+    {
+        return int(std::count_if(prepared.begin(), prepared.end(), [&](const Prepared& p) {
+            return p.verb == verb;
         }));
     }
 
