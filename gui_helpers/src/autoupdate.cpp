@@ -280,7 +280,7 @@ void AutoUpdatePrivate::sendInstallerRequest()
 {
     InstallerDownload& dl = *download;
     if (!dl.file) {
-        dl.digest = std::make_unique<DownloadDigest>(dl.verifier.get());
+        dl.digest = std::make_unique<DownloadDigest>(dl.verifier.get(), !dl.version.sha256.isEmpty());
         dl.file = std::make_unique<DownloadFile>(dl.digest.get());
         if (!dl.file->open()) {
             JLOG_TO(journaller, "replyFinished", JLL_ERROR, dl.file->errorString().toStdString());
