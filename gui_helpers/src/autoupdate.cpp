@@ -139,6 +139,8 @@ public:
     QList<VxString> firmwareKeys;
 
     QVector<minisign::PublicKey> trustedKeys;
+    // Set by any key given, valid or not: a mistyped key must not switch the check off.
+    bool requireSignature = false;
     QString downloadFolder;
     int downloadRetries = 0;
     std::unique_ptr<InstallerDownload> download;
@@ -638,7 +640,7 @@ bool AutoUpdate::updateToVersion(const QString& intName, AutoUpdatable* host)
     connect(&d->download->retryTimer, &QTimer::timeout, this, [this] {
         d->retry();
     });
-    if (d->trustedKeys.isEmpty())
+    if (!d->requireSignature)
         d->sendInstallerRequest();
     else
         d->fetchSignature();
@@ -724,6 +726,7 @@ void AutoUpdate::setAllowMessageBoxes(bool allow)
 void AutoUpdate::setTrustedUpdateKeys(const QStringList& publicKeys)
 {
     d->trustedKeys.clear();
+    d->requireSignature = !publicKeys.isEmpty();
     for (const QString& text : publicKeys) {
         minisign::PublicKey key;
         const QString why = minisign::parsePublicKey(text.toUtf8(), &key);

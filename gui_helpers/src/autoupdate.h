@@ -147,7 +147,8 @@ public Q_SLOTS:
 public:
     /**
      * Minisign public keys (the base64 line, or the whole .pub text) that installers must be
-     * signed with; keys that do not parse are logged and left out. With at least one key, a
+     * signed with; keys that do not parse are logged and left out (when none is left, no
+     * signature is accepted, so every download is refused). With at least one key, a
      * download is kept only when its signature file (the release's signatureUrl, else its url
      * + ".minisig") is signed by one of them over the downloaded bytes, its trusted comment's
      * signature holds and the comment's "file:" field, when there is one, names the installer.

@@ -231,6 +231,7 @@ private Q_SLOTS:
         QTest::newRow("tampered byte, hash set, no keys") << "" << "" << true << "*" << "SHA-256";
         QTest::newRow("wrong size, no keys") << "" << "" << false << "1 " << "bytes instead of 1";
         QTest::newRow("other key") << "otherkey.minisig" << "a.pub" << false << "" << "key";
+        QTest::newRow("only key malformed: nothing trusted") << "setup.run.minisig" << "setup.run" << false << "" << "key";
         QTest::newRow("comment names another file") << "otherfile.minisig" << "a.pub" << false << "" << "old.run";
         QTest::newRow("no signature file") << "" << "a.pub" << false << "" << "could not be fetched";
         QTest::newRow("garbage signature file") << "setup.run" << "a.pub" << false << "" << "";
