@@ -71,8 +71,11 @@ int downloadOnce(const QString& url, const QString& key, const QString& folder)
     QElapsedTimer timer;
     int rc = 1;
     QObject::connect(&autoUpdate, &AutoUpdate::installerSaved, [&](const QString& path) {
-        std::printf("{\"seconds\": %.6f, \"bytes\": %lld, \"peakRss\": %lld, \"idleRss\": %lld}\n", timer.nsecsElapsed() / 1e9, QFileInfo(path).size(),
-            rssBytes("VmHWM:"), idle);
+        std::printf("{\"seconds\": %.6f, \"bytes\": %lld, \"peakRss\": %lld, \"idleRss\": %lld}\n",
+            timer.nsecsElapsed() / 1e9,
+            QFileInfo(path).size(),
+            rssBytes("VmHWM:"),
+            idle);
         rc = 0;
         QCoreApplication::quit();
     });

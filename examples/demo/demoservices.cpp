@@ -48,10 +48,7 @@ public:
         randombytes_buf(m_keyId, sizeof m_keyId);
         return true;
     }
-    QString publicKeyLine() const
-    {
-        return QString::fromLatin1(("Ed" + bytes(m_keyId, sizeof m_keyId) + bytes(m_public, sizeof m_public)).toBase64());
-    }
+    QString publicKeyLine() const { return QString::fromLatin1(("Ed" + bytes(m_keyId, sizeof m_keyId) + bytes(m_public, sizeof m_public)).toBase64()); }
     QString keyIdText() const
     {
         QString text;
@@ -62,15 +59,18 @@ public:
     QByteArray signatureFile(const QByteArray& content, const QString& fileName) const
     {
         unsigned char hash[crypto_generichash_BYTES_MAX];
-        crypto_generichash(hash, sizeof hash, reinterpret_cast<const unsigned char*>(content.constData()), static_cast<unsigned long long>(content.size()), nullptr, 0);
+        crypto_generichash(
+            hash, sizeof hash, reinterpret_cast<const unsigned char*>(content.constData()), static_cast<unsigned long long>(content.size()), nullptr, 0);
         unsigned char signature[crypto_sign_BYTES];
         crypto_sign_detached(signature, nullptr, hash, sizeof hash, m_secret);
         const QByteArray trusted = "timestamp:" + QByteArray::number(static_cast<qlonglong>(std::time(nullptr))) + "\tfile:" + fileName.toUtf8() + "\thashed";
         const QByteArray signed_ = bytes(signature, sizeof signature) + trusted;
         unsigned char global[crypto_sign_BYTES];
-        crypto_sign_detached(global, nullptr, reinterpret_cast<const unsigned char*>(signed_.constData()), static_cast<unsigned long long>(signed_.size()), m_secret);
-        return "untrusted comment: signature from the gui_helpers demo's throwaway key\n" + ("ED" + bytes(m_keyId, sizeof m_keyId) + bytes(signature, sizeof signature)).toBase64()
-            + "\ntrusted comment: " + trusted + '\n' + bytes(global, sizeof global).toBase64() + '\n';
+        crypto_sign_detached(
+            global, nullptr, reinterpret_cast<const unsigned char*>(signed_.constData()), static_cast<unsigned long long>(signed_.size()), m_secret);
+        return "untrusted comment: signature from the gui_helpers demo's throwaway key\n"
+            + ("ED" + bytes(m_keyId, sizeof m_keyId) + bytes(signature, sizeof signature)).toBase64() + "\ntrusted comment: " + trusted + '\n'
+            + bytes(global, sizeof global).toBase64() + '\n';
     }
     ~DemoSigner() { sodium_memzero(m_secret, sizeof m_secret); }
 

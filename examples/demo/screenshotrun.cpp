@@ -158,11 +158,12 @@ void ScreenshotRun::checkForUpdates(MainWindow& window)
         });
         autoUpdate->setDownloadFolder(folder.path());
         autoUpdate->setDownloadRetries(2);
-        const bool inTime = autoUpdate->updateToVersion(newest->internalVersion, nullptr) && runEventsUntil(
-            [&] {
-                return !saved.isEmpty() || !failed.isEmpty();
-            },
-            30000);
+        const bool inTime = autoUpdate->updateToVersion(newest->internalVersion, nullptr)
+            && runEventsUntil(
+                [&] {
+                    return !saved.isEmpty() || !failed.isEmpty();
+                },
+                30000);
         QObject::disconnect(done);
         QObject::disconnect(bad);
         autoUpdate->setDownloadFolder(QString());

@@ -267,7 +267,8 @@ void AutoUpdatePrivate::signatureFinished(QNetworkReply* signature)
         return endDownload(QString(), QStringLiteral("the download was cancelled"));
     const int status = signature->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     if (signature->error() != QNetworkReply::NoError || status != 200)
-        return failVerification(QStringLiteral("the signature file %1 could not be fetched (%2)").arg(signature->request().url().toString(), signature->errorString()));
+        return failVerification(
+            QStringLiteral("the signature file %1 could not be fetched (%2)").arg(signature->request().url().toString(), signature->errorString()));
     // A signature file is four short lines; anything large is not one.
     const QByteArray text = signature->read(64 * 1024);
     minisign::Signature parsed;
@@ -375,7 +376,9 @@ bool AutoUpdatePrivate::scheduleRetry()
         return false;
     const int delay = dl.retriesDone < 5 ? qMin(1 << dl.retriesDone, MaximumRetryDelaySeconds) : MaximumRetryDelaySeconds;
     ++dl.retriesDone;
-    JLOG_TO(journaller, "replyFinished", JLL_ALERT,
+    JLOG_TO(journaller,
+        "replyFinished",
+        JLL_ALERT,
         "Download interrupted after " + std::to_string(dl.digest->size()) + " bytes; resuming in " + std::to_string(delay) + " s");
     dl.retryTimer.start(delay * 1000);
     return true;

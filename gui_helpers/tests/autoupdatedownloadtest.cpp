@@ -223,18 +223,42 @@ private Q_SLOTS:
         QTest::addColumn<QString>("sizeAndHash"); // "size sha256" release settings; "*" for the right ones
         QTest::addColumn<QString>("refusal"); // empty: saved
 
-        QTest::newRow("signed") << "setup.run.minisig" << "a.pub" << false << "" << "";
-        QTest::newRow("signed, legacy form") << "legacy.minisig" << "a.pub" << false << "" << "";
-        QTest::newRow("signed, size and hash right") << "setup.run.minisig" << "a.pub" << false << "*" << "";
-        QTest::newRow("hash right, no keys") << "" << "" << false << "*" << "";
-        QTest::newRow("tampered byte") << "setup.run.minisig" << "a.pub" << true << "" << "signature";
-        QTest::newRow("tampered byte, hash set, no keys") << "" << "" << true << "*" << "SHA-256";
-        QTest::newRow("wrong size, no keys") << "" << "" << false << "1 " << "bytes instead of 1";
-        QTest::newRow("other key") << "otherkey.minisig" << "a.pub" << false << "" << "key";
-        QTest::newRow("only key malformed: nothing trusted") << "setup.run.minisig" << "setup.run" << false << "" << "key";
-        QTest::newRow("comment names another file") << "otherfile.minisig" << "a.pub" << false << "" << "old.run";
-        QTest::newRow("no signature file") << "" << "a.pub" << false << "" << "could not be fetched";
-        QTest::newRow("garbage signature file") << "setup.run" << "a.pub" << false << "" << "";
+        QTest::newRow("signed") << "setup.run.minisig"
+                                << "a.pub" << false << ""
+                                << "";
+        QTest::newRow("signed, legacy form") << "legacy.minisig"
+                                             << "a.pub" << false << ""
+                                             << "";
+        QTest::newRow("signed, size and hash right") << "setup.run.minisig"
+                                                     << "a.pub" << false << "*"
+                                                     << "";
+        QTest::newRow("hash right, no keys") << ""
+                                             << "" << false << "*"
+                                             << "";
+        QTest::newRow("tampered byte") << "setup.run.minisig"
+                                       << "a.pub" << true << ""
+                                       << "signature";
+        QTest::newRow("tampered byte, hash set, no keys") << ""
+                                                          << "" << true << "*"
+                                                          << "SHA-256";
+        QTest::newRow("wrong size, no keys") << ""
+                                             << "" << false << "1 "
+                                             << "bytes instead of 1";
+        QTest::newRow("other key") << "otherkey.minisig"
+                                   << "a.pub" << false << ""
+                                   << "key";
+        QTest::newRow("only key malformed: nothing trusted") << "setup.run.minisig"
+                                                             << "setup.run" << false << ""
+                                                             << "key";
+        QTest::newRow("comment names another file") << "otherfile.minisig"
+                                                    << "a.pub" << false << ""
+                                                    << "old.run";
+        QTest::newRow("no signature file") << ""
+                                           << "a.pub" << false << ""
+                                           << "could not be fetched";
+        QTest::newRow("garbage signature file") << "setup.run"
+                                                << "a.pub" << false << ""
+                                                << "";
     }
     void downloadsAreChecked()
     {
@@ -365,8 +389,10 @@ private Q_SLOTS:
 
         QTest::newRow("hash too short") << "sha256" << QString(63, QLatin1Char('a'));
         QTest::newRow("hash not hex") << "sha256" << QString(63, QLatin1Char('a')) + "g";
-        QTest::newRow("size not a number") << "size" << "12kB";
-        QTest::newRow("size negative") << "size" << "-1";
+        QTest::newRow("size not a number") << "size"
+                                           << "12kB";
+        QTest::newRow("size negative") << "size"
+                                       << "-1";
     }
     void malformedCheckSkipsTheRelease()
     {

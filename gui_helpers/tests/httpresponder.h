@@ -73,7 +73,8 @@ private:
             } else {
                 route.status = 206;
                 route.reason = "Partial Content";
-                route.extraHeaders += "Content-Range: bytes " + QByteArray::number(first) + '-' + QByteArray::number(size - 1) + '/' + QByteArray::number(size) + "\r\n";
+                route.extraHeaders
+                    += "Content-Range: bytes " + QByteArray::number(first) + '-' + QByteArray::number(size - 1) + '/' + QByteArray::number(size) + "\r\n";
                 route.body = route.body.mid(first);
             }
         }

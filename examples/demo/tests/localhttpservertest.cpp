@@ -101,18 +101,21 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("headers"); // extra request headers
         QTest::newRow("get") << QByteArray("GET") << QByteArray("/installers/setup.run") << 200 << QByteArray("#!/bin/sh\nexit 0\n") << QByteArray();
         QTest::newRow("head has the length, no body") << QByteArray("HEAD") << QByteArray("/installers/setup.run") << 200 << QByteArray() << QByteArray();
-        QTest::newRow("query ignored") << QByteArray("GET") << QByteArray("/installers/setup.run?x=1") << 200 << QByteArray("#!/bin/sh\nexit 0\n") << QByteArray();
+        QTest::newRow("query ignored") << QByteArray("GET") << QByteArray("/installers/setup.run?x=1") << 200 << QByteArray("#!/bin/sh\nexit 0\n")
+                                       << QByteArray();
         QTest::newRow("unknown installer") << QByteArray("GET") << QByteArray("/installers/other.run") << 404 << QByteArray() << QByteArray();
         QTest::newRow("no way out of the directory") << QByteArray("GET") << QByteArray("/installers/../store") << 404 << QByteArray() << QByteArray();
         QTest::newRow("post not allowed") << QByteArray("POST") << QByteArray("/installers/setup.run") << 405 << QByteArray() << QByteArray();
         QTest::newRow("unknown path") << QByteArray("GET") << QByteArray("/") << 404 << QByteArray() << QByteArray();
         const QByteArray etag = '"' + QCryptographicHash::hash("#!/bin/sh\nexit 0\n", QCryptographicHash::Sha1).toHex().left(16) + '"';
-        QTest::newRow("range resumes") << QByteArray("GET") << QByteArray("/installers/setup.run") << 206 << QByteArray("exit 0\n") << QByteArray("Range: bytes=10-\r\n");
+        QTest::newRow("range resumes") << QByteArray("GET") << QByteArray("/installers/setup.run") << 206 << QByteArray("exit 0\n")
+                                       << QByteArray("Range: bytes=10-\r\n");
         QTest::newRow("range of this version") << QByteArray("GET") << QByteArray("/installers/setup.run") << 206 << QByteArray("exit 0\n")
-                                                << "Range: bytes=10-\r\nIf-Range: " + etag + "\r\n";
-        QTest::newRow("range of another version: all") << QByteArray("GET") << QByteArray("/installers/setup.run") << 200
-                                                        << QByteArray("#!/bin/sh\nexit 0\n") << QByteArray("Range: bytes=10-\r\nIf-Range: \"old\"\r\n");
-        QTest::newRow("range past the end") << QByteArray("GET") << QByteArray("/installers/setup.run") << 416 << QByteArray() << QByteArray("Range: bytes=17-\r\n");
+                                               << "Range: bytes=10-\r\nIf-Range: " + etag + "\r\n";
+        QTest::newRow("range of another version: all") << QByteArray("GET") << QByteArray("/installers/setup.run") << 200 << QByteArray("#!/bin/sh\nexit 0\n")
+                                                       << QByteArray("Range: bytes=10-\r\nIf-Range: \"old\"\r\n");
+        QTest::newRow("range past the end") << QByteArray("GET") << QByteArray("/installers/setup.run") << 416 << QByteArray()
+                                            << QByteArray("Range: bytes=17-\r\n");
     }
     void installerIsServed()
     {
