@@ -11,6 +11,8 @@ if [ "${1:-}" = "--quick" ]; then export BENCH_SCALE="${BENCH_SCALE:-10}"; fi
 cmake -S "$here" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
     -DGUI_HELPERS_BUILD_BENCHMARKS=ON -DGUI_HELPERS_BUILD_TESTS=OFF -DGUI_HELPERS_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$build" --target benchmarks >/dev/null
+# downloadbench signs with minisign, serves with python3 and compares with curl.
+command -v minisign >/dev/null && command -v curl >/dev/null || { echo "bench/run.sh needs minisign and curl (scripts/setup.sh)" >&2; exit 1; }
 
 rows=$(mktemp)
 trap 'rm -f "$rows"' EXIT

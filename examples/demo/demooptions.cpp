@@ -81,6 +81,9 @@ DemoOptions parseDemoOptions()
             QStringLiteral("seconds"),
             QStringLiteral("60")},
         {QStringLiteral("verbose"), QStringLiteral("Echo the journal to standard error.")},
+        {QStringLiteral("trusted-key"),
+            QStringLiteral("Also accept installers signed with this minisign public key (the second line of its .pub file); may be repeated."),
+            QStringLiteral("key")},
     };
     parser.addOptions(options);
     if (!parser.parse(QCoreApplication::arguments()))
@@ -113,5 +116,6 @@ DemoOptions parseDemoOptions()
     result.updateServerProgram = parser.value(QStringLiteral("update-server-program"));
     result.timeoutSeconds = intValue(parser, QStringLiteral("timeout"), 5, 3600);
     result.verbosity = parser.isSet(QStringLiteral("verbose")) ? 0 : 6;
+    result.trustedKeys = parser.values(QStringLiteral("trusted-key"));
     return result;
 }

@@ -23,6 +23,8 @@ struct DemoOptions {
     QString updateServerProgram;
     /** Upper bound of a screenshot run in seconds. */
     int timeoutSeconds = 60;
+    /** Minisign public keys trusted for installers besides the demo's own. */
+    QStringList trustedKeys;
     /** Echo the journal to standard error from this level on (6: not at all). */
     int verbosity = 6;
 

@@ -14,6 +14,10 @@
 #include <QRegularExpression>
 #include <QStandardPaths>
 
+#include <sodium.h>
+
+#include <ctime>
+
 namespace
 {
 const QByteArray DownloadsPlaceholder = QByteArrayLiteral("@DOWNLOADS@");
@@ -28,6 +32,55 @@ QByteArray installerBytes(const QString& name)
         padding += "# " + QByteArray::number(i).rightJustified(8, '0') + " padding so that the download takes a moment\n";
     return bytes + padding;
 }
+/**
+ * A throwaway Ed25519 key that signs the stand-in installers in minisign's format, as a
+ * maker would with "minisign -S": the prehashed form (BLAKE2b-512 of the file) and a trusted
+ * comment naming the file.
+ */
+class DemoSigner
+{
+public:
+    bool create()
+    {
+        if (sodium_init() < 0)
+            return false;
+        crypto_sign_keypair(m_public, m_secret);
+        randombytes_buf(m_keyId, sizeof m_keyId);
+        return true;
+    }
+    QString publicKeyLine() const { return QString::fromLatin1(("Ed" + bytes(m_keyId, sizeof m_keyId) + bytes(m_public, sizeof m_public)).toBase64()); }
+    QString keyIdText() const
+    {
+        QString text;
+        for (int i = sizeof m_keyId - 1; i >= 0; --i)
+            text += QStringLiteral("%1").arg(m_keyId[i], 2, 16, QLatin1Char('0')).toUpper();
+        return text;
+    }
+    QByteArray signatureFile(const QByteArray& content, const QString& fileName) const
+    {
+        unsigned char hash[crypto_generichash_BYTES_MAX];
+        crypto_generichash(
+            hash, sizeof hash, reinterpret_cast<const unsigned char*>(content.constData()), static_cast<unsigned long long>(content.size()), nullptr, 0);
+        unsigned char signature[crypto_sign_BYTES];
+        crypto_sign_detached(signature, nullptr, hash, sizeof hash, m_secret);
+        const QByteArray trusted = "timestamp:" + QByteArray::number(static_cast<qlonglong>(std::time(nullptr))) + "\tfile:" + fileName.toUtf8() + "\thashed";
+        const QByteArray signed_ = bytes(signature, sizeof signature) + trusted;
+        unsigned char global[crypto_sign_BYTES];
+        crypto_sign_detached(
+            global, nullptr, reinterpret_cast<const unsigned char*>(signed_.constData()), static_cast<unsigned long long>(signed_.size()), m_secret);
+        return "untrusted comment: signature from the gui_helpers demo's throwaway key\n"
+            + ("ED" + bytes(m_keyId, sizeof m_keyId) + bytes(signature, sizeof signature)).toBase64() + "\ntrusted comment: " + trusted + '\n'
+            + bytes(global, sizeof global).toBase64() + '\n';
+    }
+    ~DemoSigner() { sodium_memzero(m_secret, sizeof m_secret); }
+
+private:
+    static QByteArray bytes(const unsigned char* data, size_t size) { return QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)); }
+
+    unsigned char m_public[crypto_sign_PUBLICKEYBYTES] = {};
+    unsigned char m_secret[crypto_sign_SECRETKEYBYTES] = {};
+    unsigned char m_keyId[8] = {};
+};
 } // namespace
 
 DemoServices::DemoServices(const DemoOptions& options, QObject* parent)
@@ -106,6 +159,13 @@ bool DemoServices::startEmbeddedUpdateServer()
         return false;
     }
 
+    // The installers are signed at start-up, as a maker signs releases, and the key is trusted.
+    DemoSigner signer;
+    if (!signer.create()) {
+        m_error = QStringLiteral("libsodium could not be initialised");
+        return false;
+    }
+
     // The catalogue, with the installers' addresses on the local HTTP server.
     const QString downloads = m_http->baseUrl() + QStringLiteral("/installers");
     const QByteArray catalogue = catalogueText(downloads);
@@ -123,8 +183,12 @@ bool DemoServices::startEmbeddedUpdateServer()
         if (!url.startsWith(downloads + QLatin1Char('/')))
             continue;
         const QString file = url.mid(downloads.size() + 1);
-        m_installerUrls.append(m_http->addFile(file, installerBytes(file)));
+        const QByteArray content = installerBytes(file);
+        m_installerUrls.append(m_http->addFile(file, content));
+        m_http->addFile(file + QStringLiteral(".minisig"), signer.signatureFile(content, file));
     }
+    m_publicKey = signer.publicKeyLine();
+    m_keyId = signer.keyIdText();
     const QString cataloguePath = m_workDir.filePath(QStringLiteral("democatalogue.vxa"));
     QFile catalogueFile(cataloguePath);
     if (!catalogueFile.open(QIODevice::WriteOnly) || catalogueFile.write(catalogue) != catalogue.size()) {

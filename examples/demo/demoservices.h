@@ -56,6 +56,10 @@ public:
     QString inboxDirectory() const { return m_inbox; }
     /** The installer addresses of the catalogue the embedded server offers. */
     QStringList installerUrls() const { return m_installerUrls; }
+    /** The minisign public key (base64 line) of this run's throwaway signing key; empty when external. */
+    QString demoPublicKey() const { return m_publicKey; }
+    /** Its key id as minisign prints it. */
+    QString demoKeyId() const { return m_keyId; }
     /** The embedded HTTP server (null when both servers are external). */
     LocalHttpServer* httpServer() const { return m_http.get(); }
 
@@ -75,5 +79,7 @@ private:
     QString m_tusUrl;
     QString m_inbox;
     QStringList m_installerUrls;
+    QString m_publicKey;
+    QString m_keyId;
     QString m_error;
 };

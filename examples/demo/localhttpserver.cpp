@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "localhttpserver.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QHostAddress>
@@ -25,6 +26,8 @@ QByteArray reasonPhrase(int status)
         return "Created";
     case 204:
         return "No Content";
+    case 206:
+        return "Partial Content";
     case 400:
         return "Bad Request";
     case 404:
@@ -41,6 +44,8 @@ QByteArray reasonPhrase(int status)
         return "Payload Too Large";
     case 415:
         return "Unsupported Media Type";
+    case 416:
+        return "Range Not Satisfiable";
     case 431:
         return "Request Header Fields Too Large";
     case 500:
@@ -290,9 +295,28 @@ LocalHttpServer::Response LocalHttpServer::handle(const Request& request)
         } else if (!m_files.contains(name)) {
             response.status = 404;
         } else {
-            response.body = m_files.value(name);
+            const QByteArray& content = m_files.value(name);
+            const QByteArray etag = '"' + QCryptographicHash::hash(content, QCryptographicHash::Sha1).toHex().left(16) + '"';
             response.headOnly = request.method == "HEAD";
             response.setHeader("Content-Type", "application/octet-stream");
+            response.setHeader("ETag", etag);
+            response.setHeader("Accept-Ranges", "bytes");
+            // Only the "bytes=N-" form a resuming client sends; If-Range of another version gets the whole file.
+            const QByteArray range = request.headers.value("range");
+            const QByteArray ifRange = request.headers.value("if-range");
+            bool ok = false;
+            const qint64 first = range.startsWith("bytes=") && range.endsWith('-') ? range.mid(6, range.size() - 7).toLongLong(&ok) : -1;
+            if (!ok || first < 0 || (!ifRange.isEmpty() && ifRange != etag)) {
+                response.body = content;
+            } else if (first >= content.size()) {
+                response.status = 416;
+                response.setHeader("Content-Range", "bytes */" + QByteArray::number(content.size()));
+            } else {
+                response.status = 206;
+                response.setHeader("Content-Range",
+                    "bytes " + QByteArray::number(first) + '-' + QByteArray::number(content.size() - 1) + '/' + QByteArray::number(content.size()));
+                response.body = content.mid(first);
+            }
         }
         return response;
     }

@@ -17,7 +17,9 @@ class QTcpSocket;
 /**
  * Local HTTP server.
  *
- * GET/HEAD /installers/<name> return the bytes registered with addFile().
+ * GET/HEAD /installers/<name> return the bytes registered with addFile(), with an ETag;
+ * "Range: bytes=N-" gets the rest from N (206; 416 past the end) unless an If-Range names
+ * another ETag.
  *
  * The tus endpoint is /files (core protocol and the creation extension):
  * OPTIONS /files describes it; POST /files with "Upload-Length" creates an upload

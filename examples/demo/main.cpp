@@ -132,6 +132,10 @@ int main(int argc, char** argv)
         host = std::make_unique<DemoHost>(services->updateServerOptions());
         autoUpdate = std::make_unique<AutoUpdate>(host.get());
         autoUpdate->setAllowMessageBoxes(!options.headless());
+        QStringList keys = options.trustedKeys;
+        if (!services->demoPublicKey().isEmpty())
+            keys.prepend(services->demoPublicKey());
+        autoUpdate->setTrustedUpdateKeys(keys);
         context.host = host.get();
         context.autoUpdate = autoUpdate.get();
     } else if (options.headless()) {

@@ -16,6 +16,7 @@
 #include <QDate>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QImage>
 #include <QNetworkReply>
 #include <QNetworkRequest>
@@ -23,6 +24,7 @@
 #include <QSet>
 #include <QSettings>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 #include <QWidget>
 
 #include <algorithm>
@@ -141,26 +143,38 @@ void ScreenshotRun::checkForUpdates(MainWindow& window)
     else
         report(QStringLiteral("newer version: no, the running %1 is the newest").arg(running));
 
-    // The installer is on a web server of its own; ask it whether the file is there.
+    // The installer is on a web server of its own: download it as the user would, checked
+    // against the trusted keys, into a throwaway folder instead of asking for one.
     if (newest && !newest->url.isEmpty()) {
-        Watchdog::setStage("asking for the installer");
-        veltrax::NetManager manager;
-        QNetworkRequest request {QUrl(newest->url)};
-        request.setTransferTimeout(10000);
-        QNetworkReply* reply = manager->head(request);
-        runEventsUntil(
-            [reply] {
-                return reply->isFinished();
-            },
-            15000);
-        const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-        if (reply->isFinished() && reply->error() == QNetworkReply::NoError && status == 200)
-            report(QStringLiteral("installer: %1 is there (%2 bytes)").arg(newest->url).arg(reply->header(QNetworkRequest::ContentLengthHeader).toLongLong()));
+        Watchdog::setStage("downloading the installer");
+        QTemporaryDir folder;
+        QString saved;
+        QString failed;
+        const QMetaObject::Connection done = QObject::connect(autoUpdate, &AutoUpdate::installerSaved, [&](const QString& path) {
+            saved = path;
+        });
+        const QMetaObject::Connection bad = QObject::connect(autoUpdate, &AutoUpdate::downloadFailed, [&](const QString& reason) {
+            failed = reason.isEmpty() ? QStringLiteral("failed") : reason;
+        });
+        autoUpdate->setDownloadFolder(folder.path());
+        autoUpdate->setDownloadRetries(2);
+        const bool inTime = autoUpdate->updateToVersion(newest->internalVersion, nullptr)
+            && runEventsUntil(
+                [&] {
+                    return !saved.isEmpty() || !failed.isEmpty();
+                },
+                30000);
+        QObject::disconnect(done);
+        QObject::disconnect(bad);
+        autoUpdate->setDownloadFolder(QString());
+        autoUpdate->setDownloadRetries(0);
+        const QString keyId = m_context.services ? m_context.services->demoKeyId() : QString();
+        if (!saved.isEmpty() && !keyId.isEmpty())
+            report(QStringLiteral("installer: %1 saved (%2 bytes), verified, signed by key %3").arg(newest->url).arg(QFileInfo(saved).size()).arg(keyId));
+        else if (!saved.isEmpty())
+            report(QStringLiteral("installer: %1 saved (%2 bytes)").arg(newest->url).arg(QFileInfo(saved).size()));
         else
-            failure(
-                QStringLiteral("installer %1 is not available: %2").arg(newest->url, reply->isFinished() ? reply->errorString() : QStringLiteral("no answer")));
-        reply->abort();
-        reply->deleteLater();
+            failure(QStringLiteral("installer %1 is not available: %2").arg(newest->url, inTime ? failed : QStringLiteral("no answer")));
     }
 
     // Firmware answers arrive in the settings, without a signal.

@@ -2,7 +2,9 @@
 #include "autoupdate.h"
 
 #include "autoupdate_p.h"
+#include "downloadfile_p.h"
 #include "journaller.h"
+#include "minisign_p.h"
 
 #include <QFile>
 #include <QFileDialog>
@@ -14,12 +16,14 @@
 #include <QProgressDialog>
 #include <QRegExp>
 #include <QSettings>
+#include <QTimer>
 #include <QUrl>
 
 #include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <memory>
 
 namespace
 {
@@ -44,7 +48,59 @@ bool isHttpStatusError(QNetworkReply::NetworkError error)
     return (error >= QNetworkReply::ContentAccessDenied && error <= QNetworkReply::UnknownContentError)
         || (error >= QNetworkReply::InternalServerError && error <= QNetworkReply::UnknownServerError);
 }
+
+// Enough to keep the disk busy; small enough that a fast server cannot fill memory.
+constexpr qint64 DownloadReadBuffer = 4 * 1024 * 1024;
+constexpr int MaximumRetryDelaySeconds = 30;
+
+bool isSha256Hex(const QByteArray& text)
+{
+    if (text.size() != 64)
+        return false;
+    return std::all_of(text.begin(), text.end(), [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+    });
+}
+
+// "bytes 100-199/1000" -> first byte, last byte and total (-1 when "*").
+bool parseContentRange(const QByteArray& header, qint64* first, qint64* last, qint64* total)
+{
+    QRegExp pattern(QStringLiteral("^bytes (\\d+)-(\\d+)/(\\d+|\\*)$"));
+    if (!pattern.exactMatch(QString::fromLatin1(header.trimmed())))
+        return false;
+    bool ok1 = false;
+    bool ok2 = false;
+    bool ok3 = true;
+    *first = pattern.cap(1).toLongLong(&ok1);
+    *last = pattern.cap(2).toLongLong(&ok2);
+    *total = pattern.cap(3) == QLatin1String("*") ? -1 : pattern.cap(3).toLongLong(&ok3);
+    return ok1 && ok2 && ok3 && *first <= *last && (*total < 0 || *last < *total);
+}
 } // namespace
+
+// One installer download from updateToVersion() to installerSaved() or downloadFailed().
+struct InstallerDownload {
+    AutoUpdate::Version version;
+    QUrl url;
+    QNetworkReply* signatureReply = nullptr;
+    // Declared in the order they need each other: the file feeds the digest, the digest the verifier.
+    std::unique_ptr<minisign::Verifier> verifier;
+    std::unique_ptr<DownloadDigest> digest;
+    std::unique_ptr<DownloadFile> file;
+    QTimer retryTimer;
+    int retriesDone = 0;
+    // Bytes in the file before the current response started.
+    qint64 offset = 0;
+    // What the current response is to deliver; -1 when unknown.
+    qint64 expected = -1;
+    bool responseChecked = false;
+    bool responseWritten = false;
+    // ETag or Last-Modified of the first answer, sent as If-Range when resuming.
+    QByteArray validator;
+    // Set when we stop the transfer ourselves; an abort without it is the user's.
+    QString failure;
+    bool showFailure = false;
+};
 
 using autoupdate_p::compareVersions;
 
@@ -59,6 +115,19 @@ public:
     void saveDownload(QNetworkReply* reply);
     void showFailure(const QString& text) const;
 
+    void fetchSignature();
+    void signatureFinished(QNetworkReply* reply);
+    void sendInstallerRequest();
+    void receive();
+    bool scheduleRetry();
+    void retry();
+    void closeProgressDialog();
+    void endDownload(const QString& savedPath, const QString& failure, bool showBox = false);
+    void failVerification(const QString& why);
+    void abandonDownload(const QString& why);
+
+    AutoUpdate* q = nullptr;
+
     AutoUpdatable* const host;
     veltrax::NetManager netManager;
     QProgressDialog* progressDialog = nullptr;
@@ -68,6 +137,13 @@ public:
     Journaller* journaller = nullptr;
     QList<AutoUpdate::Version> versions;
     QList<VxString> firmwareKeys;
+
+    QVector<minisign::PublicKey> trustedKeys;
+    // Set by any key given, valid or not: a mistyped key must not switch the check off.
+    bool requireSignature = false;
+    QString downloadFolder;
+    int downloadRetries = 0;
+    std::unique_ptr<InstallerDownload> download;
 };
 
 AutoUpdatable::~AutoUpdatable() = default;
@@ -82,22 +158,236 @@ void AutoUpdatable::reserved2()
 
 void AutoUpdatePrivate::saveDownload(QNetworkReply* reply)
 {
-    const QByteArray data = reply->readAll();
-    // Only the last path component: a percent-encoded slash must not lead out of the folder.
-    const QString fileName = QFileInfo(reply->request().url().path(QUrl::FullyDecoded)).fileName();
-    const QString folder = QFileDialog::getExistingDirectory(nullptr, AutoUpdate::tr("Select download folder"), QString(), QFileDialog::ShowDirsOnly);
-    if (folder.isEmpty())
-        return;
+    InstallerDownload& dl = *download;
+    // The name is the server's choice: only a plain name, directly inside the folder.
+    const QUrl url = reply->request().url();
+    const QString fileName = safeDownloadFileName(url);
 
-    const QString path = folder + QLatin1Char('/') + fileName;
-    QFile file(path);
-    if (fileName.isEmpty() || !file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        JLOG_TO(journaller, "replyFinished", JLL_ERROR, "Failed to create file " + path.toStdString());
+    const QString mismatch = dl.digest->check(dl.version.size, dl.version.sha256);
+    if (!mismatch.isEmpty())
+        return failVerification(mismatch);
+    QString signer;
+    if (dl.verifier) {
+        const QString why = dl.verifier->verify(fileName, dl.file->temporaryPath());
+        if (!why.isEmpty())
+            return failVerification(why);
+        signer = dl.verifier->keyIdText();
+    }
+
+    const QString folder = !downloadFolder.isEmpty()
+        ? downloadFolder
+        : QFileDialog::getExistingDirectory(nullptr, AutoUpdate::tr("Select download folder"), QString(), QFileDialog::ShowDirsOnly);
+    if (folder.isEmpty())
+        return endDownload(QString(), QStringLiteral("no download folder was chosen"));
+
+    const QString path = downloadFilePath(folder, url);
+    if (!dl.file->commit(path)) {
+        JLOG_TO(journaller, "replyFinished", JLL_ERROR, dl.file->errorString().toStdString());
+        return endDownload(QString(), dl.file->errorString());
+    }
+    if (!signer.isEmpty())
+        JLOG_TO(journaller, "replyFinished", JLL_DEBUG, "Installer " + path.toStdString() + " verified, signed by key " + signer.toStdString());
+    endDownload(path, QString());
+}
+
+void AutoUpdatePrivate::failVerification(const QString& why)
+{
+    JLOG_TO(journaller, "replyFinished", JLL_ERROR, "Refused " + download->url.toString().toStdString() + ": " + why.toStdString());
+    endDownload(QString(), AutoUpdate::tr("The downloaded file could not be verified: %1").arg(why), true);
+}
+
+void AutoUpdatePrivate::closeProgressDialog()
+{
+    if (progressDialog) {
+        // We may be inside the dialog's own canceled() signal: let it unwind first.
+        progressDialog->hide();
+        progressDialog->deleteLater();
+        progressDialog = nullptr;
+    }
+}
+
+void AutoUpdatePrivate::endDownload(const QString& savedPath, const QString& failure, bool showBox)
+{
+    // Gone before anyone hears of it: the box's event loop or a slot may start the next download.
+    const std::unique_ptr<InstallerDownload> finished = std::move(download);
+    closeProgressDialog();
+    if (!finished)
+        return;
+    if (showBox)
+        showFailure(failure);
+    if (savedPath.isEmpty())
+        Q_EMIT q->downloadFailed(failure);
+    else
+        Q_EMIT q->installerSaved(savedPath);
+}
+
+void AutoUpdatePrivate::abandonDownload(const QString& why)
+{
+    if (!download)
+        return;
+    if (QNetworkReply* signature = download->signatureReply) {
+        download->signatureReply = nullptr;
+        QObject::disconnect(signature, nullptr, q, nullptr);
+        signature->abort();
+        signature->deleteLater();
+    }
+    if (QNetworkReply* running = reply) {
+        // Forget it first: aborting finishes it at once.
+        reply = nullptr;
+        running->abort();
+        running->deleteLater();
+    }
+    if (why.isEmpty())
+        download.reset();
+    else
+        endDownload(QString(), why);
+}
+
+void AutoUpdatePrivate::fetchSignature()
+{
+    InstallerDownload& dl = *download;
+    const QUrl signatureUrl = dl.version.signatureUrl.isEmpty() ? QUrl(dl.version.url + QStringLiteral(".minisig")) : QUrl(dl.version.signatureUrl);
+    QNetworkRequest request {signatureUrl};
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
+    dl.signatureReply = netManager->get(request);
+    QNetworkReply* signature = dl.signatureReply;
+    QObject::connect(signature, &QNetworkReply::finished, q, [this, signature] {
+        signatureFinished(signature);
+    });
+}
+
+void AutoUpdatePrivate::signatureFinished(QNetworkReply* signature)
+{
+    signature->deleteLater();
+    if (!download || download->signatureReply != signature)
+        return;
+    download->signatureReply = nullptr;
+
+    if (signature->error() == QNetworkReply::OperationCanceledError)
+        return endDownload(QString(), QStringLiteral("the download was cancelled"));
+    const int status = signature->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (signature->error() != QNetworkReply::NoError || status != 200)
+        return failVerification(
+            QStringLiteral("the signature file %1 could not be fetched (%2)").arg(signature->request().url().toString(), signature->errorString()));
+    // A signature file is four short lines; anything large is not one.
+    const QByteArray text = signature->read(64 * 1024);
+    minisign::Signature parsed;
+    const QString why = minisign::parseSignature(text, &parsed);
+    if (!why.isEmpty())
+        return failVerification(why);
+    download->verifier = std::make_unique<minisign::Verifier>(trustedKeys, parsed);
+    sendInstallerRequest();
+}
+
+void AutoUpdatePrivate::sendInstallerRequest()
+{
+    InstallerDownload& dl = *download;
+    if (!dl.file) {
+        dl.digest = std::make_unique<DownloadDigest>(dl.verifier.get(), !dl.version.sha256.isEmpty());
+        dl.file = std::make_unique<DownloadFile>(dl.digest.get());
+        if (!dl.file->open()) {
+            JLOG_TO(journaller, "replyFinished", JLL_ERROR, dl.file->errorString().toStdString());
+            return endDownload(QString(), dl.file->errorString());
+        }
+    }
+
+    QNetworkRequest request {dl.url};
+    // Download hosts commonly redirect to a mirror; never from https down to http.
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
+    dl.offset = dl.digest->size();
+    if (dl.offset > 0) {
+        request.setRawHeader("Range", "bytes=" + QByteArray::number(dl.offset) + '-');
+        if (!dl.validator.isEmpty())
+            request.setRawHeader("If-Range", dl.validator);
+    }
+    dl.expected = -1;
+    dl.responseChecked = false;
+    dl.responseWritten = false;
+    reply = netManager->get(request);
+    reply->setReadBufferSize(DownloadReadBuffer);
+    // The slot is private to the class; the string form reaches it from here.
+    QObject::connect(reply, SIGNAL(downloadProgress(qint64, qint64)), q, SLOT(updateDownloadProgress(qint64, qint64)));
+    QObject::connect(reply, &QIODevice::readyRead, q, [this] {
+        receive();
+    });
+}
+
+void AutoUpdatePrivate::receive()
+{
+    if (!reply || !download || !download->failure.isEmpty())
+        return;
+    InstallerDownload& dl = *download;
+    if (!dl.responseChecked) {
+        const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        if (status == 0 || (status >= 300 && status < 400))
+            return; // headers of the final answer not there yet
+        dl.responseChecked = true;
+        dl.responseWritten = status == 200 || (status == 206 && dl.offset > 0);
+        const bool identity = reply->rawHeader("Content-Encoding").isEmpty();
+        if (status == 200) {
+            if (dl.offset > 0) {
+                // The server sent the whole file (no Range support, or it changed): start over.
+                JLOG_TO(journaller, "replyFinished", JLL_ALERT, "Server sent the whole file again; restarting the download");
+                if (!dl.file->restart()) {
+                    dl.failure = dl.file->errorString();
+                    reply->abort();
+                    return;
+                }
+                dl.offset = 0;
+            }
+            if (dl.validator.isEmpty())
+                dl.validator = reply->hasRawHeader("ETag") ? reply->rawHeader("ETag") : reply->rawHeader("Last-Modified");
+            const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
+            if (identity && length.isValid())
+                dl.expected = length.toLongLong();
+        } else if (dl.responseWritten) {
+            qint64 first = 0;
+            qint64 last = 0;
+            qint64 total = 0;
+            if (!parseContentRange(reply->rawHeader("Content-Range"), &first, &last, &total) || first != dl.offset) {
+                dl.failure = AutoUpdate::tr("The server resumed the download at the wrong place");
+                dl.showFailure = true;
+                reply->abort();
+                return;
+            }
+            dl.expected = last - first + 1;
+        }
+    }
+    if (!dl.responseWritten) {
+        reply->readAll(); // an error page: its text is not the installer
         return;
     }
-    if (file.write(data) != data.size() || !file.flush())
-        JLOG_TO(journaller, "replyFinished", JLL_ERROR, "Failed to write file " + path.toStdString());
-    file.close();
+    char buffer[256 * 1024];
+    qint64 count = 0;
+    while ((count = reply->read(buffer, sizeof buffer)) > 0) {
+        if (!dl.file->write(buffer, count)) {
+            JLOG_TO(journaller, "replyFinished", JLL_ERROR, dl.file->errorString().toStdString());
+            dl.failure = dl.file->errorString();
+            reply->abort();
+            return;
+        }
+    }
+}
+
+bool AutoUpdatePrivate::scheduleRetry()
+{
+    InstallerDownload& dl = *download;
+    if (dl.retriesDone >= downloadRetries)
+        return false;
+    const int delay = dl.retriesDone < 5 ? qMin(1 << dl.retriesDone, MaximumRetryDelaySeconds) : MaximumRetryDelaySeconds;
+    ++dl.retriesDone;
+    JLOG_TO(journaller,
+        "replyFinished",
+        JLL_ALERT,
+        "Download interrupted after " + std::to_string(dl.digest->size()) + " bytes; resuming in " + std::to_string(delay) + " s");
+    dl.retryTimer.start(delay * 1000);
+    return true;
+}
+
+void AutoUpdatePrivate::retry()
+{
+    if (download && !reply)
+        sendInstallerRequest();
 }
 
 void AutoUpdatePrivate::showFailure(const QString& text) const
@@ -113,6 +403,7 @@ AutoUpdate::AutoUpdate(AutoUpdatable* host, QObject* parent)
     : QObject(parent)
     , d(new AutoUpdatePrivate(host))
 {
+    d->q = this;
     d->comm = new UpdateServerComm(this, host->updateServerOptions());
     d->journaller = d->host->journaller();
     connect(d->netManager.qman(), &QNetworkAccessManager::finished, this, &AutoUpdate::replyFinished);
@@ -120,12 +411,8 @@ AutoUpdate::AutoUpdate(AutoUpdatable* host, QObject* parent)
 
 AutoUpdate::~AutoUpdate()
 {
-    if (QNetworkReply* reply = d->reply) {
-        // Forget it first: aborting finishes it at once, and nobody is left to report to.
-        d->reply = nullptr;
-        reply->abort();
-        reply->deleteLater();
-    }
+    // Nobody is left to report to.
+    d->abandonDownload(QString());
     delete d->progressDialog;
     d->progressDialog = nullptr;
 
@@ -207,6 +494,23 @@ void AutoUpdate::handleListReply(const veltrax::SettingsFile& settings)
             const veltrax::Variant infoUrl = product.setting(name + ".infourl");
             if (!infoUrl.empty())
                 version.infoUrl = QString::fromStdString(infoUrl.toStdString());
+            const veltrax::Variant size = product.setting(name + ".size");
+            if (!size.empty()) {
+                // Strictly a number of bytes: "12kB" is not read as 12.
+                bool ok = false;
+                version.size = QString::fromStdString(size.toStdString()).toLongLong(&ok);
+                if (!ok || version.size < 0)
+                    throw VxException(VXRV_INVALIDPARAM, "The size setting is not a number of bytes");
+            }
+            const veltrax::Variant sha256 = product.setting(name + ".sha256");
+            if (!sha256.empty()) {
+                version.sha256 = QByteArray::fromStdString(sha256.toStdString()).toLower();
+                if (!isSha256Hex(version.sha256))
+                    throw VxException(VXRV_INVALIDPARAM, "The sha256 setting is not 64 hex digits");
+            }
+            const veltrax::Variant signatureUrl = product.setting(name + ".signatureurl");
+            if (!signatureUrl.empty())
+                version.signatureUrl = QString::fromStdString(signatureUrl.toStdString());
             d->versions.append(version);
         } catch (const std::exception& e) {
             JLOG_TO(d->journaller, "handleListReply", JLL_ERROR, std::string("Error while parsing reply: ") + e.what());
@@ -320,11 +624,8 @@ bool AutoUpdate::updateToVersion(const QString& intName, AutoUpdatable* host)
     if (pending.internalVersion.isEmpty() || pending.url.isEmpty())
         return false;
 
-    // Only one download is tracked; an earlier one runs on unobserved and cleans up after itself.
-    if (d->reply) {
-        connect(d->reply, &QNetworkReply::finished, d->reply, &QObject::deleteLater);
-        d->reply = nullptr;
-    }
+    // Only one download is tracked; an earlier one ends unsaved.
+    d->abandonDownload(QStringLiteral("another download was started"));
     delete d->progressDialog;
 
     d->progressDialog = new QProgressDialog(tr("Downloading update, this may take a few minutes"), tr("Cancel"), 0, 1000);
@@ -335,12 +636,17 @@ bool AutoUpdate::updateToVersion(const QString& intName, AutoUpdatable* host)
     connect(d->progressDialog, &QProgressDialog::canceled, this, &AutoUpdate::abortDownload);
     d->progressDialog->show();
 
-    QNetworkRequest request {QUrl(pending.url)};
-    // Download hosts commonly redirect to a mirror; never from https down to http.
-    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::NoLessSafeRedirectPolicy);
-    d->reply = d->netManager->get(request);
-    d->reply->setReadBufferSize(0);
-    connect(d->reply, &QNetworkReply::downloadProgress, this, &AutoUpdate::updateDownloadProgress);
+    d->download = std::make_unique<InstallerDownload>();
+    d->download->version = pending;
+    d->download->url = QUrl(pending.url);
+    d->download->retryTimer.setSingleShot(true);
+    connect(&d->download->retryTimer, &QTimer::timeout, this, [this] {
+        d->retry();
+    });
+    if (!d->requireSignature)
+        d->sendInstallerRequest();
+    else
+        d->fetchSignature();
     return true;
 }
 
@@ -349,6 +655,11 @@ void AutoUpdate::updateDownloadProgress(qint64 received, qint64 total)
     if (!d->progressDialog)
         return;
     // An unknown (-1) or zero total gives no usable fraction; the dialog ignores values out of range.
+    // A resumed answer counts on from the bytes already in the file.
+    const qint64 offset = d->download && d->download->responseWritten ? d->download->offset : 0;
+    if (total >= 0)
+        total += offset;
+    received += offset;
     const double value = static_cast<double>(received) * 1000.0 / static_cast<double>(total);
     if (!std::isfinite(value) || value < INT_MIN || value > INT_MAX)
         return;
@@ -357,49 +668,86 @@ void AutoUpdate::updateDownloadProgress(qint64 received, qint64 total)
 
 void AutoUpdate::abortDownload()
 {
-    if (d->reply)
+    if (d->reply) {
         d->reply->abort();
+    } else if (d->download && d->download->signatureReply) {
+        d->download->signatureReply->abort();
+    } else if (d->download && d->download->retryTimer.isActive()) {
+        d->download->retryTimer.stop();
+        d->endDownload(QString(), QStringLiteral("the download was cancelled"));
+    }
 }
 
 void AutoUpdate::replyFinished(QNetworkReply* reply)
 {
     // The network manager is shared: other replies are not ours to touch.
-    if (!reply || reply != d->reply)
+    if (!reply || reply != d->reply || !d->download)
         return;
+    d->receive(); // whatever arrived with the end
     d->reply = nullptr;
-
-    if (d->progressDialog) {
-        // We may be inside the dialog's own canceled() signal: let it unwind first.
-        d->progressDialog->hide();
-        d->progressDialog->deleteLater();
-        d->progressDialog = nullptr;
-    }
+    reply->deleteLater();
+    InstallerDownload& dl = *d->download;
 
     const QNetworkReply::NetworkError error = reply->error();
     const QVariant statusAttribute = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     const int status = statusAttribute.toInt();
     const QString url = reply->request().url().toString();
     const bool httpAnswer = error == QNetworkReply::NoError || (statusAttribute.isValid() && isHttpStatusError(error));
+    // Qt may end a cut-off answer without an error: fewer bytes than announced is a lost connection.
+    const qint64 received = dl.digest->size() - dl.offset;
+    const bool shortBody = httpAnswer && dl.responseWritten && dl.expected >= 0 && received < dl.expected;
+    const bool transportFailure = dl.failure.isEmpty() && error != QNetworkReply::OperationCanceledError && (!httpAnswer || shortBody);
 
-    if (error == QNetworkReply::OperationCanceledError) {
-        // The user cancelled: nothing to report.
-    } else if (httpAnswer && error == QNetworkReply::NoError && status == 200) {
+    if (transportFailure && d->scheduleRetry())
+        return;
+    d->closeProgressDialog();
+
+    if (!dl.failure.isEmpty()) {
+        d->endDownload(QString(), dl.failure, dl.showFailure);
+    } else if (error == QNetworkReply::OperationCanceledError) {
+        // The user cancelled: nothing to show.
+        d->endDownload(QString(), QStringLiteral("the download was cancelled"));
+    } else if (shortBody) {
+        d->endDownload(QString(), tr("The connection closed after %1 of %2 bytes").arg(received).arg(dl.expected), true);
+    } else if (httpAnswer && error == QNetworkReply::NoError && dl.responseWritten) {
         d->saveDownload(reply);
     } else if (httpAnswer && status == 404) {
-        d->showFailure(tr("Update file not found at %1").arg(url));
+        d->endDownload(QString(), tr("Update file not found at %1").arg(url), true);
     } else if (httpAnswer) {
         const QString reason = reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
-        d->showFailure(tr("Server returned \"%1: %2\" when requesting file at %3").arg(status).arg(reason, url));
+        d->endDownload(QString(), tr("Server returned \"%1: %2\" when requesting file at %3").arg(status).arg(reason, url), true);
     } else {
-        d->showFailure(reply->errorString());
+        d->endDownload(QString(), reply->errorString(), true);
     }
-
-    reply->deleteLater();
 }
 
 void AutoUpdate::setAllowMessageBoxes(bool allow)
 {
     d->allowMessageBoxes = allow;
+}
+
+void AutoUpdate::setTrustedUpdateKeys(const QStringList& publicKeys)
+{
+    d->trustedKeys.clear();
+    d->requireSignature = !publicKeys.isEmpty();
+    for (const QString& text : publicKeys) {
+        minisign::PublicKey key;
+        const QString why = minisign::parsePublicKey(text.toUtf8(), &key);
+        if (why.isEmpty())
+            d->trustedKeys.append(key);
+        else
+            JLOG_TO(d->journaller, "setTrustedUpdateKeys", JLL_ERROR, "Ignored update key: " + why.toStdString());
+    }
+}
+
+void AutoUpdate::setDownloadFolder(const QString& folder)
+{
+    d->downloadFolder = folder;
+}
+
+void AutoUpdate::setDownloadRetries(int count)
+{
+    d->downloadRetries = qMax(0, count);
 }
 
 QString AutoUpdate::serverString() const

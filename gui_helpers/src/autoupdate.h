@@ -14,6 +14,7 @@
 #include "updateservercomm.h"
 #include "vxtypes.h"
 
+#include <QByteArray>
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -36,8 +37,9 @@ class AutoUpdatePrivate;
  *
  * Release lists: the reply tree holds a subtree named after productName() with one subtree
  * per release (its internal label) holding "date" (seconds), "url", "beta" and optionally
- * "releasetype", "infolabel" and "infourl". A malformed release is logged and skipped; a
- * product subtree without releases is a valid, empty answer.
+ * "releasetype", "infolabel", "infourl", "size", "sha256" and "signatureurl". A malformed
+ * release (optional settings included) is logged and skipped; a product subtree without
+ * releases is a valid, empty answer.
  */
 class GUI_HELPERS_EXPORT AutoUpdate : public QObject
 {
@@ -62,6 +64,12 @@ public:
         QString infoLabel;
         /** Address the link opens; empty when there is none. */
         QString infoUrl;
+        /** The installer's size in bytes from the optional setting "size"; -1 when not given. */
+        qint64 size = -1;
+        /** SHA-256 of the installer from the optional setting "sha256", lower-case hex; empty when not given. */
+        QByteArray sha256;
+        /** Where the installer's .minisig file is (optional setting "signatureurl"); empty: url + ".minisig". */
+        QString signatureUrl;
 
         /**
          * Text order of the internal labels (v1_10_0 before v1_9_0). This is the order of
@@ -136,9 +144,41 @@ public Q_SLOTS:
      */
     bool updateToVersion(const QString& intName, AutoUpdatable* host);
 
+public:
+    /**
+     * Minisign public keys (the base64 line, or the whole .pub text) that installers must be
+     * signed with; keys that do not parse are logged and left out (when none is left, no
+     * signature is accepted, so every download is refused). With at least one key, a
+     * download is kept only when its signature file (the release's signatureUrl, else its url
+     * + ".minisig") is signed by one of them over the downloaded bytes, its trusted comment's
+     * signature holds and the comment's "file:" field, when there is one, names the installer.
+     * An empty list (the default) checks no signature.
+     */
+    void setTrustedUpdateKeys(const QStringList& publicKeys);
+    /**
+     * Saves installers into @p folder without asking the user; an empty text (the default)
+     * asks with a folder dialog after each download.
+     */
+    void setDownloadFolder(const QString& folder);
+    /**
+     * How often a download that lost its connection (no HTTP answer, or fewer bytes than
+     * announced) is resumed, after 1, 2, 4 ... seconds (at most 30), with a Range request
+     * bound to the first answer's ETag or Last-Modified by If-Range. 0 (the default): the
+     * first such failure ends the download.
+     */
+    void setDownloadRetries(int count);
+
 Q_SIGNALS:
     void versionsUpdated();
     void failedToGetVersions();
+    /** A download started by updateToVersion() was checked and saved as @p filePath. */
+    void installerSaved(const QString& filePath);
+    /**
+     * A download started by updateToVersion() ended without a saved file: HTTP or network
+     * error, failed size, hash or signature check, file not writable, or cancelled by the
+     * user. Exactly one of installerSaved() and this comes for every started download.
+     */
+    void downloadFailed(const QString& reason);
 
 private Q_SLOTS:
     void handleListReply(const veltrax::SettingsFile& settings);

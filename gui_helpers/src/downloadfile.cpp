@@ -57,8 +57,9 @@ QString downloadFilePath(const QString& folder, const QUrl& url)
     return folder + QLatin1Char('/') + safeDownloadFileName(url);
 }
 
-DownloadDigest::DownloadDigest(minisign::Verifier* verifier)
+DownloadDigest::DownloadDigest(minisign::Verifier* verifier, bool sha256)
     : m_verifier(verifier)
+    , m_hashSha256(sha256)
     , m_sha256(QCryptographicHash::Sha256)
 {
 }
@@ -71,7 +72,7 @@ void DownloadDigest::addData(const char* data, qint64 size)
         return;
     m_size += size;
     // QCryptographicHash takes int sizes in Qt 5.
-    for (qint64 done = 0; done < size;) {
+    for (qint64 done = 0; m_hashSha256 && done < size;) {
         const int part = static_cast<int>(qMin<qint64>(size - done, 1 << 30));
         m_sha256.addData(data + done, part);
         done += part;

@@ -37,7 +37,11 @@ QString downloadFilePath(const QString& folder, const QUrl& url);
 class DownloadDigest
 {
 public:
-    explicit DownloadDigest(minisign::Verifier* verifier = nullptr);
+    /**
+     * @p sha256 false skips the SHA-256 (a release that names none): it is the costliest
+     * part of a fast download.
+     */
+    explicit DownloadDigest(minisign::Verifier* verifier = nullptr, bool sha256 = true);
     ~DownloadDigest();
     DownloadDigest(const DownloadDigest&) = delete;
     DownloadDigest& operator=(const DownloadDigest&) = delete;
@@ -57,6 +61,7 @@ public:
 
 private:
     minisign::Verifier* const m_verifier;
+    const bool m_hashSha256;
     QCryptographicHash m_sha256;
     qint64 m_size = 0;
 };

@@ -11,6 +11,7 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QPointer>
+#include <QProcess>
 #include <QProgressDialog>
 #include <QPushButton>
 #include <QSignalSpy>
@@ -43,6 +44,26 @@ private Q_SLOTS:
         QApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
         qRegisterMetaType<QNetworkReply*>();
         QVERIFY(m_http.listen());
+
+        // Keys and signatures by the real minisign tool; its default trusted comment names the file.
+        m_installer = randomBytes(200 * 1024, 7);
+        QFile file(m_keys.filePath(QStringLiteral("setup.run")));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(m_installer) == m_installer.size());
+        file.close();
+        const QList<QStringList> runs = {
+            {"-G", "-W", "-p", "a.pub", "-s", "a.key"},
+            {"-G", "-W", "-p", "b.pub", "-s", "b.key"},
+            {"-S", "-s", "a.key", "-m", "setup.run"},
+            {"-S", "-l", "-s", "a.key", "-m", "setup.run", "-x", "legacy.minisig"},
+            {"-S", "-s", "b.key", "-m", "setup.run", "-x", "otherkey.minisig"},
+            {"-S", "-s", "a.key", "-m", "setup.run", "-x", "otherfile.minisig", "-t", "timestamp:1\tfile:old.run\thashed"},
+        };
+        for (const QStringList& arguments : runs) {
+            QProcess minisign;
+            minisign.setWorkingDirectory(m_keys.path());
+            minisign.start(QStringLiteral("minisign"), arguments);
+            QVERIFY2(minisign.waitForFinished(30000) && minisign.exitCode() == 0, minisign.readAllStandardError().constData());
+        }
     }
     void init()
     {
@@ -172,7 +193,9 @@ private Q_SLOTS:
         m_autoUpdate->setAllowMessageBoxes(true);
         DialogAnswerer answerer(QDir::tempPath()); // must never be asked
         QNetworkReply::NetworkError error = QNetworkReply::NoError;
-        connect(m_net.qman(), &QNetworkAccessManager::finished, this, [&error](QNetworkReply* reply) {
+        // Its own context object: the lambda must not outlive `error`.
+        QObject context;
+        connect(m_net.qman(), &QNetworkAccessManager::finished, &context, [&error](QNetworkReply* reply) {
             error = reply->error();
         });
 
@@ -189,6 +212,197 @@ private Q_SLOTS:
         QTest::qWait(50);
         QVERIFY(answerer.messages.isEmpty());
         QVERIFY(answerer.folderDialogs.isEmpty());
+    }
+    // Parsing and verifying each kind of bad signature (tampered trusted comment, truncated lines,
+    // bad base64, wrong lengths): minisigntest.cpp. Here: that each outcome reaches the user.
+    void downloadsAreChecked_data()
+    {
+        QTest::addColumn<QString>("signature"); // file served as setup.run.minisig; empty: none
+        QTest::addColumn<QString>("key"); // trusted key file; empty: no keys
+        QTest::addColumn<bool>("tamper");
+        QTest::addColumn<QString>("sizeAndHash"); // "size sha256" release settings; "*" for the right ones
+        QTest::addColumn<QString>("refusal"); // empty: saved
+
+        QTest::newRow("signed") << "setup.run.minisig"
+                                << "a.pub" << false << ""
+                                << "";
+        QTest::newRow("signed, legacy form") << "legacy.minisig"
+                                             << "a.pub" << false << ""
+                                             << "";
+        QTest::newRow("signed, size and hash right") << "setup.run.minisig"
+                                                     << "a.pub" << false << "*"
+                                                     << "";
+        QTest::newRow("hash right, no keys") << ""
+                                             << "" << false << "*"
+                                             << "";
+        QTest::newRow("tampered byte") << "setup.run.minisig"
+                                       << "a.pub" << true << ""
+                                       << "signature";
+        QTest::newRow("tampered byte, hash set, no keys") << ""
+                                                          << "" << true << "*"
+                                                          << "SHA-256";
+        QTest::newRow("wrong size, no keys") << ""
+                                             << "" << false << "1 "
+                                             << "bytes instead of 1";
+        QTest::newRow("other key") << "otherkey.minisig"
+                                   << "a.pub" << false << ""
+                                   << "key";
+        QTest::newRow("only key malformed: nothing trusted") << "setup.run.minisig"
+                                                             << "setup.run" << false << ""
+                                                             << "key";
+        QTest::newRow("comment names another file") << "otherfile.minisig"
+                                                    << "a.pub" << false << ""
+                                                    << "old.run";
+        QTest::newRow("no signature file") << ""
+                                           << "a.pub" << false << ""
+                                           << "could not be fetched";
+        QTest::newRow("garbage signature file") << "setup.run"
+                                                << "a.pub" << false << ""
+                                                << "";
+    }
+    void downloadsAreChecked()
+    {
+        QFETCH(QString, signature);
+        QFETCH(QString, key);
+        QFETCH(bool, tamper);
+        QFETCH(QString, sizeAndHash);
+        QFETCH(QString, refusal);
+
+        QByteArray body = m_installer;
+        if (tamper)
+            body[1000] = static_cast<char>(body[1000] ^ 1);
+        m_http.routes.insert("/checked/setup.run", Route {200, "OK", body});
+        m_http.routes.remove("/checked/setup.run.minisig");
+        if (!signature.isEmpty())
+            m_http.routes.insert("/checked/setup.run.minisig", Route {200, "OK", readFile(m_keys.filePath(signature))});
+        if (!key.isEmpty())
+            m_autoUpdate->setTrustedUpdateKeys({QString::fromLatin1(readFile(m_keys.filePath(key)))});
+        TestRelease release {QStringLiteral("v1_3_0")};
+        release.url = m_http.url("/checked/setup.run");
+        veltrax::SettingsFile reply = listReply(m_host.product, {release});
+        if (!sizeAndHash.isEmpty()) {
+            const QString size = sizeAndHash == QLatin1String("*") ? QString::number(m_installer.size()) : sizeAndHash.section(' ', 0, 0);
+            reply.setSetting(m_host.product.toStdString() + ".v1_3_0.size", veltrax::Variant(size.toStdString()));
+            if (sizeAndHash == QLatin1String("*"))
+                reply.setSetting(m_host.product.toStdString() + ".v1_3_0.sha256",
+                    veltrax::Variant(QCryptographicHash::hash(m_installer, QCryptographicHash::Sha256).toHex().toUpper().toStdString()));
+        }
+        QTemporaryDir folder;
+        m_autoUpdate->setDownloadFolder(folder.path());
+        m_autoUpdate->setAllowMessageBoxes(true);
+        DialogAnswerer answerer {QString()}; // no folder dialog may show
+        QSignalSpy saved(m_autoUpdate.get(), &AutoUpdate::installerSaved);
+        QSignalSpy failed(m_autoUpdate.get(), &AutoUpdate::downloadFailed);
+
+        QVERIFY(deliverListReply(m_autoUpdate.get(), reply) && m_autoUpdate->updateToVersion(release.label, nullptr));
+        QTRY_COMPARE_WITH_TIMEOUT(saved.count() + failed.count(), 1, 10000);
+        QTest::qWait(20);
+        QCOMPARE(saved.count() + failed.count(), 1);
+        QVERIFY(answerer.folderDialogs.isEmpty());
+        if (saved.count() == 1 && refusal.isEmpty() && signature != QLatin1String("setup.run")) {
+            QCOMPARE(saved.first().first().toString(), folder.filePath(QStringLiteral("setup.run")));
+            QVERIFY(readFile(folder.filePath(QStringLiteral("setup.run"))) == m_installer);
+            QVERIFY(answerer.messages.isEmpty());
+            return;
+        }
+        QCOMPARE(failed.count(), 1);
+        const QString reason = failed.first().first().toString();
+        QVERIFY2(reason.startsWith(QLatin1String("The downloaded file could not be verified: ")) && reason.contains(refusal), qPrintable(reason));
+        QTRY_COMPARE(answerer.messages, QStringList {QStringLiteral("Failed to download update|") + reason});
+        QCOMPARE(QDir(folder.path()).entryList(QDir::Files), QStringList());
+        m_journal->flush();
+        QVERIFY(readFile(QString::fromStdString(m_journal->filename())).contains("Refused " + release.url.toUtf8()));
+    }
+    void interruptedDownloadsResume_data()
+    {
+        QTest::addColumn<bool>("ranges");
+        QTest::addColumn<int>("cuts");
+        QTest::addColumn<int>("retries");
+
+        QTest::newRow("cut three times, resumed") << true << 3 << 3;
+        QTest::newRow("server ignores Range") << false << 1 << 1;
+        QTest::newRow("no retries: the designed box") << true << 1 << 0;
+    }
+    void interruptedDownloadsResume()
+    {
+        QFETCH(bool, ranges);
+        QFETCH(int, cuts);
+        QFETCH(int, retries);
+
+        const QByteArray body = randomBytes(150 * 1024, 9);
+        Route route {200, "OK", body};
+        route.etag = "\"r1\"";
+        route.ranges = ranges;
+        route.cuts = cuts;
+        route.cutAfter = 40 * 1024;
+        m_http.routes.insert("/cut/setup.run", route);
+        m_http.requests.clear();
+        QTemporaryDir folder;
+        m_autoUpdate->setDownloadFolder(folder.path());
+        m_autoUpdate->setDownloadRetries(retries);
+        m_autoUpdate->setAllowMessageBoxes(true);
+        DialogAnswerer answerer {QString()};
+        QSignalSpy saved(m_autoUpdate.get(), &AutoUpdate::installerSaved);
+        QSignalSpy failed(m_autoUpdate.get(), &AutoUpdate::downloadFailed);
+
+        QVERIFY(startDownload(m_http.url("/cut/setup.run")));
+        QTRY_COMPARE_WITH_TIMEOUT(saved.count() + failed.count(), 1, 20000);
+        if (retries == 0) {
+            // Qt reports the cut as a network error or, now and then, as a short answer.
+            QCOMPARE(failed.count(), 1);
+            QTRY_COMPARE(answerer.messages.size(), 1);
+            QCOMPARE(QDir(folder.path()).entryList(QDir::Files), QStringList());
+            return;
+        }
+        QVERIFY2(saved.count() == 1, qPrintable(failed.value(0).value(0).toString()));
+        QVERIFY(readFile(folder.filePath(QStringLiteral("setup.run"))) == body);
+        QVERIFY(answerer.messages.isEmpty());
+        const QByteArray resumed = m_http.requests.last().toLower();
+        QCOMPARE(resumed.contains("\r\nrange: bytes="), true);
+        QCOMPARE(resumed.contains("\r\nif-range: \"r1\"\r\n"), true);
+    }
+    void cancelDuringRetryWait()
+    {
+        Route route {200, "OK", randomBytes(100 * 1024, 3)};
+        route.cuts = 1;
+        route.cutAfter = 1000;
+        m_http.routes.insert("/cut/cancel.run", route);
+        m_autoUpdate->setDownloadRetries(2);
+        m_autoUpdate->setDownloadFolder(QDir::tempPath());
+        QSignalSpy failed(m_autoUpdate.get(), &AutoUpdate::downloadFailed);
+        QSignalSpy finished(m_net.qman(), &QNetworkAccessManager::finished);
+
+        QVERIFY(startDownload(m_http.url("/cut/cancel.run")));
+        QPointer<QProgressDialog> progress = visibleProgressDialog();
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 10000);
+        QVERIFY(progress);
+        progress->findChild<QPushButton*>()->click();
+        QCOMPARE(failed.count(), 1);
+        QTRY_VERIFY(!progress);
+        QTest::qWait(1500); // past the first retry's moment: none is sent
+        QCOMPARE(finished.count(), 1);
+    }
+    void malformedCheckSkipsTheRelease_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QString>("value");
+
+        QTest::newRow("hash too short") << "sha256" << QString(63, QLatin1Char('a'));
+        QTest::newRow("hash not hex") << "sha256" << QString(63, QLatin1Char('a')) + "g";
+        QTest::newRow("size not a number") << "size"
+                                           << "12kB";
+        QTest::newRow("size negative") << "size"
+                                       << "-1";
+    }
+    void malformedCheckSkipsTheRelease()
+    {
+        QFETCH(QString, key);
+        QFETCH(QString, value);
+        veltrax::SettingsFile reply = listReply(m_host.product, releases({"v1_3_0", "v1_4_0"}));
+        reply.setSetting(m_host.product.toStdString() + ".v1_3_0." + key.toStdString(), veltrax::Variant(value.toStdString()));
+        QVERIFY(deliverListReply(m_autoUpdate.get(), reply));
+        QCOMPARE(m_autoUpdate->versions().size(), 1);
+        QCOMPARE(m_autoUpdate->versions().first().internalVersion, QStringLiteral("v1_4_0"));
     }
     void releaseWithoutUrlIsNotDownloaded()
     {
@@ -208,6 +422,8 @@ private:
 
     TestHost m_host;
     HttpResponder m_http;
+    QTemporaryDir m_keys;
+    QByteArray m_installer;
     QTemporaryDir m_dir;
     std::unique_ptr<Journaller> m_journal;
     std::unique_ptr<AutoUpdate> m_autoUpdate;

@@ -5,6 +5,7 @@
 #include "localhttpserver.h"
 #include "testhelpers.h"
 
+#include <QCryptographicHash>
 #include <QSignalSpy>
 #include <QTcpSocket>
 #include <QTemporaryDir>
@@ -97,13 +98,24 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("path");
         QTest::addColumn<int>("status");
         QTest::addColumn<QByteArray>("body");
-        QTest::newRow("get") << QByteArray("GET") << QByteArray("/installers/setup.run") << 200 << QByteArray("#!/bin/sh\nexit 0\n");
-        QTest::newRow("head has the length, no body") << QByteArray("HEAD") << QByteArray("/installers/setup.run") << 200 << QByteArray();
-        QTest::newRow("query ignored") << QByteArray("GET") << QByteArray("/installers/setup.run?x=1") << 200 << QByteArray("#!/bin/sh\nexit 0\n");
-        QTest::newRow("unknown installer") << QByteArray("GET") << QByteArray("/installers/other.run") << 404 << QByteArray();
-        QTest::newRow("no way out of the directory") << QByteArray("GET") << QByteArray("/installers/../store") << 404 << QByteArray();
-        QTest::newRow("post not allowed") << QByteArray("POST") << QByteArray("/installers/setup.run") << 405 << QByteArray();
-        QTest::newRow("unknown path") << QByteArray("GET") << QByteArray("/") << 404 << QByteArray();
+        QTest::addColumn<QByteArray>("headers"); // extra request headers
+        QTest::newRow("get") << QByteArray("GET") << QByteArray("/installers/setup.run") << 200 << QByteArray("#!/bin/sh\nexit 0\n") << QByteArray();
+        QTest::newRow("head has the length, no body") << QByteArray("HEAD") << QByteArray("/installers/setup.run") << 200 << QByteArray() << QByteArray();
+        QTest::newRow("query ignored") << QByteArray("GET") << QByteArray("/installers/setup.run?x=1") << 200 << QByteArray("#!/bin/sh\nexit 0\n")
+                                       << QByteArray();
+        QTest::newRow("unknown installer") << QByteArray("GET") << QByteArray("/installers/other.run") << 404 << QByteArray() << QByteArray();
+        QTest::newRow("no way out of the directory") << QByteArray("GET") << QByteArray("/installers/../store") << 404 << QByteArray() << QByteArray();
+        QTest::newRow("post not allowed") << QByteArray("POST") << QByteArray("/installers/setup.run") << 405 << QByteArray() << QByteArray();
+        QTest::newRow("unknown path") << QByteArray("GET") << QByteArray("/") << 404 << QByteArray() << QByteArray();
+        const QByteArray etag = '"' + QCryptographicHash::hash("#!/bin/sh\nexit 0\n", QCryptographicHash::Sha1).toHex().left(16) + '"';
+        QTest::newRow("range resumes") << QByteArray("GET") << QByteArray("/installers/setup.run") << 206 << QByteArray("exit 0\n")
+                                       << QByteArray("Range: bytes=10-\r\n");
+        QTest::newRow("range of this version") << QByteArray("GET") << QByteArray("/installers/setup.run") << 206 << QByteArray("exit 0\n")
+                                               << "Range: bytes=10-\r\nIf-Range: " + etag + "\r\n";
+        QTest::newRow("range of another version: all") << QByteArray("GET") << QByteArray("/installers/setup.run") << 200 << QByteArray("#!/bin/sh\nexit 0\n")
+                                                       << QByteArray("Range: bytes=10-\r\nIf-Range: \"old\"\r\n");
+        QTest::newRow("range past the end") << QByteArray("GET") << QByteArray("/installers/setup.run") << 416 << QByteArray()
+                                            << QByteArray("Range: bytes=17-\r\n");
     }
     void installerIsServed()
     {
@@ -111,7 +123,8 @@ private Q_SLOTS:
         QFETCH(QByteArray, path);
         QFETCH(int, status);
         QFETCH(QByteArray, body);
-        const Answer answer = exchange(method + ' ' + path + " HTTP/1.1\r\nHost: x\r\n\r\n");
+        QFETCH(QByteArray, headers);
+        const Answer answer = exchange(method + ' ' + path + " HTTP/1.1\r\nHost: x\r\n" + headers + "\r\n");
         QCOMPARE(answer.status, status);
         QCOMPARE(answer.body, body);
         if (method == "HEAD")
