@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The update-server connection's receive path, fed bytes without a socket:
+// The update-server connection's receive path (its reply assembler), fed bytes without a socket:
 //  - 100 000 small replies arriving in one read, against the same replies arriving one
 //    read each;
 //  - one 64 MiB reply arriving in 16 KiB reads, against the same bytes in one read.
@@ -8,25 +8,34 @@
 // re-copying of the buffer per reply or per read).
 #include "benchcommon.h"
 #include "settingsfile.h"
-#include "updateservercomm.h"
+#include "updateserverreplyassembler_p.h"
 
 #include <QCoreApplication>
+
+#include <memory>
 
 namespace
 {
 
-class FedComm : public UpdateServerComm
+/** The assembler as the connection uses it: each reply's tree is taken, each decision counted. */
+class FedComm
 {
 public:
-    FedComm()
-        : UpdateServerComm(nullptr, UpdateServerOptions {QStringLiteral("127.0.0.1"), 1})
+    void feed(const QByteArray& bytes)
     {
-        connect(this, &UpdateServerComm::currentDownloadProgressChanged, this, [this] {
-            ++decided;
+        m_assembler.feed(bytes, [this](ServerResponseParser::ParseResult& result) {
+            veltrax::SettingsFile* taken = result.settings;
+            result.settings = m_tree.release();
+            m_tree.reset(taken);
         });
     }
-    void feed(const QByteArray& bytes) { receiveBytes(bytes); }
     size_t decided = 0;
+
+private:
+    ServerReplyAssembler m_assembler {[this](size_t, size_t) {
+        ++decided;
+    }};
+    std::unique_ptr<veltrax::SettingsFile> m_tree = std::make_unique<veltrax::SettingsFile>();
 };
 
 QByteArray reply(const char* word, const veltrax::SettingsFile& tree)

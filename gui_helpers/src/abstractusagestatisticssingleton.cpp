@@ -5,6 +5,8 @@
 #include "journaller.h"
 #include "settingsfile.h"
 #include "updateserverprotocol.h"
+#include "usagestatisticsdata_p.h"
+#include "variant.h"
 #include "vxtypes.h"
 
 #include <QCoreApplication>
@@ -16,12 +18,16 @@
 #include <QHostInfo>
 #include <QLocale>
 #include <QPointer>
+#include <QSet>
 #include <QSettings>
 #include <QStandardPaths>
 #include <QSysInfo>
 #include <QTextStream>
 #include <QTimer>
 #include <QUuid>
+
+#include <atomic>
+#include <memory>
 
 namespace
 {
@@ -50,10 +56,57 @@ bool isEmptyValue(const QVariant& value)
 }
 } // namespace
 
+veltrax::SettingsFile usagestatistics::collectFinishedLogs(const QString& logFilePath, const QString& pattern)
+{
+    const QFileInfo logFile(logFilePath);
+    const QDir dir(logFile.absolutePath());
+    const QString ownName = logFile.fileName();
+    veltrax::SettingsFile logs;
+    const QStringList entries = dir.entryList(QDir::Files | QDir::NoDotAndDotDot, QDir::Unsorted);
+    for (const QString& entry : entries) {
+        const QString fullName = dir.absolutePath() + QDir::separator() + entry;
+        // The log being written now shares the pattern; it stays out.
+        if (!fullName.contains(pattern) || fullName.contains(ownName))
+            continue;
+        QFile file(fullName);
+        if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
+            continue;
+        const QByteArray text = QString::fromUtf8(file.readAll()).toUtf8();
+        file.close();
+        veltrax::BinaryObject blob(text.constData(), static_cast<uint32_t>(text.size()));
+        logs.setSetting(QFileInfo(fullName).baseName().toStdString(), veltrax::Variant(blob));
+    }
+    return logs;
+}
+
+QByteArray usagestatistics::usageRecord(const veltrax::SettingsFile& logs)
+{
+    VxByteArray body;
+    logs.serialize(body);
+    QByteArray record = QStringLiteral("%1 %2 ").arg(QLatin1String(updateserver::USAGE)).arg(body.size()).toUtf8();
+    record.append(body.data(), static_cast<int>(body.size()));
+    return record;
+}
+
+class AbstractUsageStatisticsSingletonPrivate
+{
+public:
+    std::unique_ptr<QFile> logFile;
+    QString logFilePath;
+    QString logDirectory;
+    std::unique_ptr<UpdateServerComm> serverConnection;
+    QSet<QString> onceLogged;
+    /** True while no sending is outstanding; read while the reply may be arriving. */
+    std::atomic<bool> replyHandled {true};
+    /** The loop terminateServerConnection() waits in, ended early by the reply. */
+    QEventLoop* replyWait = nullptr;
+};
+
 AbstractUsageStatisticsSingleton* AbstractUsageStatisticsSingleton::gAbstractUsageStatisticsSingleton = nullptr;
 
 AbstractUsageStatisticsSingleton::AbstractUsageStatisticsSingleton()
     : QObject(nullptr)
+    , d(new AbstractUsageStatisticsSingletonPrivate)
 {
 }
 
@@ -65,11 +118,11 @@ AbstractUsageStatisticsSingleton::~AbstractUsageStatisticsSingleton()
     const QList<ServerRequest*> requests = findChildren<ServerRequest*>(QString(), Qt::FindDirectChildrenOnly);
     for (ServerRequest* request : requests)
         request->wait();
-    if (m_logFile && m_logFile->isOpen()) {
-        m_logFile->flush();
-        m_logFile->close();
-        m_logFile.reset();
-        m_logFilePath += CLOSED_SUFFIX;
+    if (d->logFile && d->logFile->isOpen()) {
+        d->logFile->flush();
+        d->logFile->close();
+        d->logFile.reset();
+        d->logFilePath += CLOSED_SUFFIX;
     }
 }
 
@@ -85,6 +138,16 @@ void AbstractUsageStatisticsSingleton::cleanup()
         gAbstractUsageStatisticsSingleton = nullptr;
         delete doomed;
     }
+}
+
+QString AbstractUsageStatisticsSingleton::logFilePath() const
+{
+    return d->logFilePath;
+}
+
+QString AbstractUsageStatisticsSingleton::logDirectory() const
+{
+    return d->logDirectory;
 }
 
 bool AbstractUsageStatisticsSingleton::firstTimeRunningUsage()
@@ -147,7 +210,7 @@ void AbstractUsageStatisticsSingleton::createLogFile()
     const QString LOG_FILE_EXTENSION = QStringLiteral(".log");
     const QString VELTRAX_GUID_PREFIX = QStringLiteral("veltrax");
 
-    m_onceLogged.clear();
+    d->onceLogged.clear();
     allowLogFilesForDev();
     if (!allowLogFilesForUser())
         return;
@@ -171,17 +234,17 @@ void AbstractUsageStatisticsSingleton::createLogFile()
         }
     }
 
-    m_logDirectory = QStandardPaths::writableLocation(QStandardPaths::DataLocation) + QDir::separator() + QStringLiteral("UsageLogs") + QDir::separator();
-    m_logFilePath = m_logDirectory + logFilePrefix() + id + QLatin1Char('_') + QString::number(VxTimeStamp_now()) + LOG_FILE_EXTENSION;
+    d->logDirectory = QStandardPaths::writableLocation(QStandardPaths::DataLocation) + QDir::separator() + QStringLiteral("UsageLogs") + QDir::separator();
+    d->logFilePath = d->logDirectory + logFilePrefix() + id + QLatin1Char('_') + QString::number(VxTimeStamp_now()) + LOG_FILE_EXTENSION;
 
-    QDir dir(m_logDirectory);
+    QDir dir(d->logDirectory);
     if (!dir.exists())
         dir.mkpath(QStringLiteral("."));
 
     // Replacing the QFile closes a log a caller left open; the file itself stays on disk.
-    m_logFile = std::make_unique<QFile>(m_logFilePath);
-    m_logFile->open(QIODevice::WriteOnly | QIODevice::Truncate);
-    if (!m_logFile->isOpen())
+    d->logFile = std::make_unique<QFile>(d->logFilePath);
+    d->logFile->open(QIODevice::WriteOnly | QIODevice::Truncate);
+    if (!d->logFile->isOpen())
         return;
 
     QString language = QStringLiteral("en");
@@ -192,7 +255,7 @@ void AbstractUsageStatisticsSingleton::createLogFile()
     }
     const QLocale english(QLocale::English, QLocale::LatinScript, QLocale::AnyCountry);
 
-    QTextStream stream(m_logFile.get());
+    QTextStream stream(d->logFile.get());
     // The same bytes whatever the user's locale, so the server can read every log alike.
     stream.setCodec("UTF-8");
     stream << QStringLiteral("Version %1 build %2, rev %3. %4 bit")
@@ -220,19 +283,19 @@ void AbstractUsageStatisticsSingleton::recreateLogFile()
 template <> void AbstractUsageStatisticsSingleton::logUseEvent<QString>(QString event, bool once)
 {
     if (once) {
-        if (m_onceLogged.contains(event))
+        if (d->onceLogged.contains(event))
             return;
-        m_onceLogged.insert(event);
+        d->onceLogged.insert(event);
     }
 
     JLOG_TO(gJournal, "logUseEvent<QString>", JLL_WRITE, event);
 
-    if (!m_logFile || !m_logFile->isOpen())
+    if (!d->logFile || !d->logFile->isOpen())
         return;
 
     QTextStream::Status status;
     {
-        QTextStream stream(m_logFile.get());
+        QTextStream stream(d->logFile.get());
         stream.setCodec("UTF-8");
         stream << QString::number(VxTimeStamp_now()) << ' ' << event << "\n";
         stream.flush();
@@ -248,20 +311,20 @@ template <> void AbstractUsageStatisticsSingleton::logUseEvent<QString>(QString 
 
 void AbstractUsageStatisticsSingleton::closeLogAfterLastEvent()
 {
-    m_logFile->close();
-    m_logFile.reset();
+    d->logFile->close();
+    d->logFile.reset();
     // Only the remembered path changes: no file matches it any more, so removeLogFiles()
     // and sending treat this run's log like those of earlier runs.
-    m_logFilePath += CLOSED_SUFFIX;
+    d->logFilePath += CLOSED_SUFFIX;
 }
 
 void AbstractUsageStatisticsSingleton::closeAndRemoveCurrentLog()
 {
-    if (!m_logFile || !m_logFile->isOpen())
+    if (!d->logFile || !d->logFile->isOpen())
         return;
-    m_logFile->close();
-    if (m_logFile->remove())
-        m_logFile.reset();
+    d->logFile->close();
+    if (d->logFile->remove())
+        d->logFile.reset();
 }
 
 void AbstractUsageStatisticsSingleton::removeLogFiles()
@@ -270,10 +333,10 @@ void AbstractUsageStatisticsSingleton::removeLogFiles()
         return;
     // Without a log there is no directory to look in (and an empty path would mean the
     // working directory).
-    if (m_logFilePath.isEmpty())
+    if (d->logFilePath.isEmpty())
         return;
 
-    const QFileInfo current(m_logFilePath);
+    const QFileInfo current(d->logFilePath);
     const QString currentName = current.fileName();
     const QString prefix = logFilePrefix();
     const QDir dir(current.absolutePath());
@@ -309,7 +372,7 @@ void AbstractUsageStatisticsSingleton::startSendingUsageData(UpdateServerOptions
     if (!allowed)
         return;
 
-    m_replyHandled.store(false);
+    d->replyHandled.store(false);
     {
         QSettings settings;
         settings.beginGroup(USAGE_REGISTRY_GROUP);
@@ -319,12 +382,12 @@ void AbstractUsageStatisticsSingleton::startSendingUsageData(UpdateServerOptions
             return;
     }
 
-    if (!m_serverConnection)
-        m_serverConnection = std::make_unique<UpdateServerComm>(this, options);
-    if (m_logFilePath.isEmpty())
+    if (!d->serverConnection)
+        d->serverConnection = std::make_unique<UpdateServerComm>(this, options);
+    if (d->logFilePath.isEmpty())
         return;
 
-    auto* request = new SendUsageDataToServer(*m_serverConnection, m_logFilePath, logFilePrefix(), this);
+    auto* request = new SendUsageDataToServer(*d->serverConnection, d->logFilePath, logFilePrefix(), this);
     connect(request, &ServerRequest::reply, this, &AbstractUsageStatisticsSingleton::handleReplyFromServer);
     request->start();
 }
@@ -337,39 +400,39 @@ void AbstractUsageStatisticsSingleton::handleReplyFromServer(const veltrax::Sett
         settings.beginGroup(USAGE_REGISTRY_GROUP);
         settings.setValue(LAST_SENDING_REG_KEY, QDate::currentDate().toString(Qt::TextDate));
     }
-    m_replyHandled.store(true);
-    if (m_replyWait)
-        m_replyWait->quit();
+    d->replyHandled.store(true);
+    if (d->replyWait)
+        d->replyWait->quit();
 }
 
 void AbstractUsageStatisticsSingleton::terminateServerConnection(int timeout)
 {
-    if (!m_serverConnection)
+    if (!d->serverConnection)
         return;
 
-    if (timeout != 0 && !m_replyHandled.load()) {
+    if (timeout != 0 && !d->replyHandled.load()) {
         // The reply crosses from the request thread through the event queue, so wait by
         // running events, at most 100 ms at a time.
         const QPointer<AbstractUsageStatisticsSingleton> self(this);
         const VxTimeStamp start = VxTimeStamp_now();
-        while (!m_replyHandled.load()) {
+        while (!d->replyHandled.load()) {
             const VxTimeStamp left = VxTimeStamp(timeout) - (VxTimeStamp_now() - start);
             if (left <= 0)
                 break;
             QEventLoop loop;
             QTimer::singleShot(int(qMin<VxTimeStamp>(left, 100)), &loop, &QEventLoop::quit);
-            m_replyWait = &loop;
+            d->replyWait = &loop;
             loop.exec();
             if (!self)
                 return; // deleted by something the loop ran
-            m_replyWait = nullptr;
+            d->replyWait = nullptr;
         }
         // Something the loop ran may have ended the connection already.
-        if (!m_serverConnection)
+        if (!d->serverConnection)
             return;
     }
 
-    m_serverConnection->terminate();
+    d->serverConnection->terminate();
     VxTime_msleep(120);
-    m_serverConnection.reset();
+    d->serverConnection.reset();
 }

@@ -8,14 +8,11 @@
 #include "updateservercomm.h"
 
 #include <QObject>
-#include <QSet>
 #include <QString>
 
-#include <atomic>
 #include <memory>
 
-class QEventLoop;
-class QFile;
+class AbstractUsageStatisticsSingletonPrivate;
 
 /**
  * Base class through which a host application records anonymous use events.
@@ -140,9 +137,9 @@ public:
     void terminateServerConnection(int timeout);
 
     /** Full path of the current log; ends in "_closed" once that log was closed (the file keeps its name). Empty before the first log. */
-    QString logFilePath() const { return m_logFilePath; }
+    QString logFilePath() const;
     /** Directory of the logs, ending in a separator; empty before the first log. */
-    QString logDirectory() const { return m_logDirectory; }
+    QString logDirectory() const;
 
     /** The host's instance; nothing in this class sets it. */
     static AbstractUsageStatisticsSingleton* gAbstractUsageStatisticsSingleton;
@@ -161,14 +158,7 @@ private:
 
     void closeLogAfterLastEvent();
 
-    std::unique_ptr<QFile> m_logFile;
-    QString m_logFilePath;
-    QString m_logDirectory;
-    std::unique_ptr<UpdateServerComm> m_serverConnection;
-    QSet<QString> m_onceLogged;
-    std::atomic<bool> m_replyHandled {true};
-    /** The loop terminateServerConnection() waits in, ended early by the reply. */
-    QEventLoop* m_replyWait = nullptr;
+    std::unique_ptr<AbstractUsageStatisticsSingletonPrivate> const d;
 };
 
 template <> GUI_HELPERS_EXPORT void AbstractUsageStatisticsSingleton::logUseEvent<QString>(QString event, bool once);

@@ -1,32 +1,28 @@
 // SPDX-License-Identifier: MIT
 //
-// The one TLS connection to the update server, the requests made over it, and the request
-// threads that run them.
+// The one TLS connection to the update server and the requests made over it.
 #pragma once
 
 #include "gui_helpers_export.h"
-#include "mutex.h"
+// The request threads that run the blocking calls; host code reaches them through this header.
+#include "serverrequest.h"
 #include "settingsfile.h"
 #include "updateserverprotocol.h"
 
 #include <QAbstractSocket>
 #include <QByteArray>
-#include <QEvent>
 #include <QList>
 #include <QMetaType>
 #include <QObject>
 #include <QSslError>
 #include <QSslSocket>
 #include <QString>
-#include <QThread>
 
-#include <atomic>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 class Journaller;
+class UpdateServerCommPrivate;
 
 // Trees travel in queued signals (ServerRequest::reply) and in QVariants.
 Q_DECLARE_METATYPE(veltrax::SettingsFile)
@@ -37,30 +33,6 @@ struct GUI_HELPERS_EXPORT UpdateServerOptions {
     QString serverAddress;
     /** TCP port (used as an unsigned 16-bit number). */
     int port = 0;
-};
-
-/**
- * Carries bytes to the thread that owns the connection, so the socket is only ever
- * written there. Events are handled in posting order, so requests reach the wire in the
- * order they were queued.
- */
-class GUI_HELPERS_EXPORT SendEvent : public QEvent
-{
-public:
-    static constexpr QEvent::Type EventType = static_cast<QEvent::Type>(1000);
-
-    SendEvent(QSslSocket* socket, const QByteArray& data)
-        : QEvent(EventType)
-        , m_socket(socket)
-        , m_data(data)
-    {
-    }
-    QSslSocket* socket() const { return m_socket; }
-    const QByteArray& data() const { return m_data; }
-
-private:
-    QSslSocket* m_socket;
-    QByteArray m_data;
 };
 
 /**
@@ -114,12 +86,11 @@ public:
     QString generateSslErrorMessage(const QList<QSslError>& errors) const;
     /** Makes every current and future wait give up ("Terminated"). Thread-safe. */
     void terminate();
-    bool isTerminated() const { return m_terminated.load(); }
 
     /** Outstanding ServerRequest count, waited for by the destructor. */
     void incRequests();
     void decRequests();
-    int requestCount() const { return m_requests.load(); }
+    int requestCount() const;
 
     // Send only: post the request line and return at once.
     void queueList(const QString& id, const QString& mask);
@@ -160,9 +131,6 @@ public:
      */
     veltrax::SettingsFile prepAndSendUsageDataAndHandleReply(const QString& path, const QString& pattern);
 
-    /** The record prepAndSendUsageDataAndHandleReply() sends: "USAGE <length> " and the tree's bytes. */
-    static QByteArray buildUsageRecord(const veltrax::SettingsFile& tree);
-
     bool event(QEvent* event) override;
 
 public Q_SLOTS:
@@ -171,177 +139,13 @@ public Q_SLOTS:
     void handleSocketModeChanged(QSslSocket::SslMode socketMode);
     void handleServerSocketSslErrors(const QList<QSslError>& errors);
 
-protected:
-    /**
-     * The receive path behind handleIncomingData(): appends @p bytes to the receive buffer
-     * and takes every complete reply off its front. Protected so that tests and benchmarks
-     * can feed it bytes without a socket.
-     */
-    void receiveBytes(const QByteArray& bytes);
-
 Q_SIGNALS:
     /** Relays the reply parser's progress (emitted on the owning thread). */
     void currentDownloadProgressChanged(size_t progress, size_t total);
 
 private:
-    veltrax::SettingsFile blockingRequest(
-        const char* function, const char* word, const QString& id, const QString& mask, const QString* version, const std::function<void()>& send);
-    /**
-     * Waits for the connection; empty when it is usable, else the error tree's message.
-     * Refused at once on the owning thread, where the wait could never end.
-     */
-    QString connectionProblem(const char* function);
-    /** Clears the reply fields and sets the waiting flag; the caller holds the lock. */
-    void prepareForReply();
-    /** Polls the waiting flag; false when terminated. */
-    bool waitForReply();
-    void postToSocket(const QByteArray& data);
-    QString replyCommand() const;
-
-    QSslSocket* m_socket = nullptr;
-    QByteArray m_receiveBuffer;
-    /** Start of the unparsed bytes in m_receiveBuffer (compacted now and then). */
-    int m_readOffset = 0;
-    /** Buffer size at which the body now arriving is complete; 0 when not known. */
-    qint64 m_awaitedSize = 0;
-    veltrax::Mutex m_mutex;
-    /** Guards the reply fields, the socket pointer and the handshake errors across threads. */
-    mutable std::mutex m_stateMutex;
-    std::unique_ptr<veltrax::SettingsFile> m_replyTree;
-    QString m_replyCommand;
-    QString m_replyMessage;
-    std::atomic<bool> m_waiting {false};
-    std::atomic<bool> m_terminated {false};
-    QString m_serverAddress;
-    int m_serverPort = 0;
-    std::atomic<int> m_lastState {QAbstractSocket::UnconnectedState};
-    std::atomic<bool> m_encrypted {false};
-    QList<QSslError> m_handshakeErrors;
-    UpdateServerOptions m_options;
-    std::atomic<int> m_requests {0};
+    friend class UpdateServerCommPrivate;
+    std::unique_ptr<UpdateServerCommPrivate> const d;
 
     Q_DISABLE_COPY(UpdateServerComm)
-};
-
-/**
- * One blocking request on a thread of its own. The caller creates it, connects to reply()
- * and calls start(); the reply arrives queued on the receiver's thread and the object then
- * deletes itself. While it lives it holds one unit of the connection's request count.
- */
-class GUI_HELPERS_EXPORT ServerRequest : public QThread
-{
-    Q_OBJECT
-public:
-    ServerRequest(UpdateServerComm& comm, QObject* parent = nullptr);
-    ~ServerRequest() override;
-
-    /** The result of doRequest() (valid once reply() was emitted). */
-    const veltrax::SettingsFile& result() const { return *m_result; }
-
-Q_SIGNALS:
-    /** The reply, error or empty tree; emitted on the request's thread. Not emitted if doRequest() threw. */
-    void reply(const veltrax::SettingsFile& settings);
-
-protected:
-    void run() override;
-    /** Fills result(); runs on the request's thread. */
-    virtual void doRequest() = 0;
-
-    std::unique_ptr<veltrax::SettingsFile> m_result;
-    UpdateServerComm& m_comm;
-
-    Q_DISABLE_COPY(ServerRequest)
-};
-
-/** The look-ups: an id, a mask and, for the GET forms, a version, kept for doRequest(). */
-class GUI_HELPERS_EXPORT ServerLookupRequest : public ServerRequest
-{
-    Q_OBJECT
-protected:
-    ServerLookupRequest(UpdateServerComm& comm, const QString& id, const QString& mask, const QString& version, QObject* parent);
-
-    const QString m_id;
-    const QString m_mask;
-    const QString m_version;
-};
-
-/** LIST id mask. */
-class GUI_HELPERS_EXPORT ServerListRequest : public ServerLookupRequest
-{
-    Q_OBJECT
-public:
-    ServerListRequest(UpdateServerComm& comm, const QString& id, const QString& mask, QObject* parent = nullptr);
-
-protected:
-    void doRequest() override;
-};
-
-/** LIS2T id mask. */
-class GUI_HELPERS_EXPORT ServerList2Request : public ServerLookupRequest
-{
-    Q_OBJECT
-public:
-    ServerList2Request(UpdateServerComm& comm, const QString& id, const QString& mask, QObject* parent = nullptr);
-
-protected:
-    void doRequest() override;
-};
-
-/** GET id mask version (see UpdateServerComm::get()). */
-class GUI_HELPERS_EXPORT ServerGetRequest : public ServerLookupRequest
-{
-    Q_OBJECT
-public:
-    ServerGetRequest(UpdateServerComm& comm, const QString& id, const QString& mask, const QString& version, QObject* parent = nullptr);
-
-protected:
-    void doRequest() override;
-};
-
-/** GE2T id mask version. */
-class GUI_HELPERS_EXPORT ServerGet2Request : public ServerLookupRequest
-{
-    Q_OBJECT
-public:
-    ServerGet2Request(UpdateServerComm& comm, const QString& id, const QString& mask, const QString& version, QObject* parent = nullptr);
-
-protected:
-    void doRequest() override;
-};
-
-/** PRODUCTKEY id mask (see UpdateServerComm::getProductKey()). */
-class GUI_HELPERS_EXPORT ServerGetProductKeyRequest : public ServerLookupRequest
-{
-    Q_OBJECT
-public:
-    ServerGetProductKeyRequest(UpdateServerComm& comm, const QString& id, const QString& mask, QObject* parent = nullptr);
-
-protected:
-    void doRequest() override;
-};
-
-/** CUSTOMERINFO id mask (see UpdateServerComm::getCustomerInfo()). */
-class GUI_HELPERS_EXPORT ServerGetCustomerDetailsRequest : public ServerLookupRequest
-{
-    Q_OBJECT
-public:
-    ServerGetCustomerDetailsRequest(UpdateServerComm& comm, const QString& id, const QString& mask, QObject* parent = nullptr);
-
-protected:
-    void doRequest() override;
-};
-
-/** Sends the closed usage logs beside @p logFilePath whose names contain @p pattern. */
-class GUI_HELPERS_EXPORT SendUsageDataToServer : public ServerRequest
-{
-    Q_OBJECT
-public:
-    SendUsageDataToServer(UpdateServerComm& comm, const QString& logFilePath, const QString& pattern, QObject* parent = nullptr);
-
-protected:
-    void doRequest() override;
-
-private:
-    QString m_logFilePath;
-    QString m_pattern;
 };

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 // The update server closing the connection at every byte position of a reply: the request
 // must return (nothing may wait forever), and after tryToConnectToServer() the next
-// request on the same connection object must get its whole reply.
+// request on the same connection object must get its whole reply. This is the one place
+// for dropped connections during and between replies.
 #include "scriptedtlsserver.h"
 #include "settingsfile.h"
 #include "testcertificates.h"
@@ -87,10 +88,7 @@ bool run(Request kind, UpdateServerComm& comm, veltrax::SettingsFile& reply)
 
 UpdateServerOptions loopback(quint16 port)
 {
-    UpdateServerOptions options;
-    options.serverAddress = QStringLiteral("127.0.0.1");
-    options.port = port;
-    return options;
+    return {QStringLiteral("127.0.0.1"), port};
 }
 
 bool waitForConnections(const ScriptedTlsServer& server, int count)

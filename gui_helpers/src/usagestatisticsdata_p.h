@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: MIT
+//
+// What a usage sending carries. Not installed: shared by the sending and its preview.
+#pragma once
+
+#include "settingsfile.h"
+
+#include <QByteArray>
+#include <QString>
+
+namespace usagestatistics
+{
+/**
+ * The finished logs beside @p logFilePath: every file in its directory whose full name
+ * contains @p pattern (case-sensitive), except @p logFilePath's own file, which is still
+ * being written. One binary setting per file, keyed by the file's base name, holding the
+ * file's text as UTF-8. Unreadable files are left out.
+ */
+veltrax::SettingsFile collectFinishedLogs(const QString& logFilePath, const QString& pattern);
+
+/** The USAGE record of @p logs: "USAGE <length> " and the tree's bytes. */
+QByteArray usageRecord(const veltrax::SettingsFile& logs);
+} // namespace usagestatistics
