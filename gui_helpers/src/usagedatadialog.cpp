@@ -58,6 +58,7 @@ UsageDataDialog::UsageDataDialog(AbstractUsageStatisticsSingleton* usage, QWidge
     splitter->addWidget(d->logList);
     splitter->addWidget(d->logText);
     splitter->setStretchFactor(1, 3);
+    splitter->setSizes({300, 460});
 
     // The about box's sentence, so the user recognises the choice made there.
     d->consent = new QCheckBox(tr("Allow Veltrax to gather and send anonymous usage statistics to improve your product"), this);
@@ -116,7 +117,7 @@ void UsageDataDialog::refresh()
     d->logList->clear();
     const auto addSection = [this](const QString& title, const QStringList& paths) {
         auto* heading = new QListWidgetItem(title, d->logList);
-        heading->setFlags(Qt::NoItemFlags);
+        heading->setFlags(Qt::ItemIsEnabled); // a heading: readable, not selectable
         QFont bold = heading->font();
         bold.setBold(true);
         heading->setFont(bold);
