@@ -386,15 +386,21 @@ void AboutBox::showCheckForUpdatesButton(bool show)
 
 void AboutBox::showUsageDataCheckbox(bool show, bool checked)
 {
+    static const char* const policyProperty = "gui_helpers_disabledByPolicy";
     if (AbstractUsageStatisticsSingleton::disabledByPolicy()) {
         // Not the user's choice, so no allowUsageDataGathering() for it.
         const QSignalBlocker blocker(m_ui->usageDataCheckbox);
         m_ui->usageDataCheckbox->setChecked(false);
         m_ui->usageDataCheckbox->setEnabled(false);
         m_ui->usageDataCheckbox->setToolTip(tr("Usage statistics are turned off by your organisation"));
+        m_ui->usageDataCheckbox->setProperty(policyProperty, true);
     } else {
-        m_ui->usageDataCheckbox->setEnabled(true);
-        m_ui->usageDataCheckbox->setToolTip(QString());
+        // Undo only what the policy did: a host may have disabled the box for reasons of its own.
+        if (m_ui->usageDataCheckbox->property(policyProperty).toBool()) {
+            m_ui->usageDataCheckbox->setEnabled(true);
+            m_ui->usageDataCheckbox->setToolTip(QString());
+            m_ui->usageDataCheckbox->setProperty(policyProperty, false);
+        }
         m_ui->usageDataCheckbox->setChecked(checked);
     }
     m_ui->usageDataCheckbox->setVisible(show);

@@ -106,6 +106,10 @@ private Q_SLOTS:
         QVERIFY(!dialogCheckbox->isChecked() && !dialogCheckbox->isEnabled());
         QCOMPARE(dialogCheckbox->toolTip(), tip);
         QCOMPARE(usageValue(QStringLiteral("AllowUsageLogsForUsers")), QStringLiteral("<absent>"));
+
+        qunsetenv("VELTRAX_USAGE_STATISTICS"); // lifted: the about box is the user's again
+        box.showUsageDataCheckbox(true, true);
+        QVERIFY(aboutCheckbox->isChecked() && aboutCheckbox->isEnabled() && aboutCheckbox->toolTip().isEmpty());
     }
 
     void detailsLinkOpensTheDialogUnlessTheHostListens_data()
