@@ -51,14 +51,14 @@ DemoOptions parseDemoOptions()
                        "Without --server it starts the reference update server (gui_helpers_update_server) on 127.0.0.1 with a demo catalogue and a "
                        "certificate authority made for this run, which only this process trusts; installers and a tus upload endpoint are served "
                        "over local HTTP. Everything works offline.\n\n"
-                       "--screenshots DIR checks for updates, sends the usage data, uploads a file, renders the about box, the update window and "
-                       "the main window to PNG files in DIR, prints what it did and exits (0 on success). Without a display it uses the offscreen "
+                       "--screenshots DIR checks for updates, sends the usage data, uploads a file, renders the about box, the update window, the "
+                       "usage-data dialog and the main window to PNG files in DIR, prints what it did and exits (0 on success). Without a display it uses the offscreen "
                        "platform."));
     const QCommandLineOption helpOption = parser.addHelpOption();
     const QCommandLineOption versionOption = parser.addVersionOption();
     const QList<QCommandLineOption> options = {
         {QStringLiteral("screenshots"),
-            QStringLiteral("Headless run: write about-box.png, update-window.png and main-window.png to <dir>, then exit."),
+            QStringLiteral("Headless run: write about-box.png, update-window.png, usage-data.png and main-window.png to <dir>, then exit."),
             QStringLiteral("dir")},
         {QStringLiteral("server"), QStringLiteral("Use the update server at <host> instead of the embedded one."), QStringLiteral("host")},
         {QStringLiteral("port"),

@@ -120,6 +120,7 @@ int main(int argc, char** argv)
 
     // Usage statistics: one instance for the whole run, a log per run.
     context.usage = DemoUsageStatistics::create();
+    context.usage->setKeepSentLogs(30); // what was sent stays visible for a month
     context.usage->recreateLogFile();
 
     // The update server and the upload endpoint: our own on 127.0.0.1 unless named.

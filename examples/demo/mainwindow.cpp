@@ -14,6 +14,7 @@
 #include "serialports.h"
 #include "timeconversions.h"
 #include "tusuploader.h"
+#include "usagedatadialog.h"
 #include "variant.h"
 
 #include <QApplication>
@@ -197,8 +198,26 @@ AboutBox* MainWindow::createAboutBox(QWidget* parent)
     connect(this, &MainWindow::usageConsentChanged, box, [box](bool allow) {
         box->showUsageDataCheckbox(true, allow);
     });
+    box->showUsageDataDetailsLink(true);
+    connect(box, &AboutBox::usageDataDetailsRequested, this, [this] {
+        UsageDataDialog* dialog = createUsageDataDialog(this);
+        dialog->setAttribute(Qt::WA_DeleteOnClose);
+        dialog->open();
+    });
     box->setCurrentSelection(0);
     return box;
+}
+
+UsageDataDialog* MainWindow::createUsageDataDialog(QWidget* parent)
+{
+    auto* dialog = new UsageDataDialog(m_context.usage, parent);
+    // Consent changed or logs deleted there show here (and in an open about box) at once.
+    connect(dialog, &QDialog::finished, this, [this] {
+        if (m_context.usage)
+            Q_EMIT usageConsentChanged(m_context.usage->allowLogFilesForUser());
+        refreshUsageState();
+    });
+    return dialog;
 }
 
 void MainWindow::showAboutBox()
@@ -525,9 +544,17 @@ QWidget* MainWindow::createUsagePane()
     auto* send = new QPushButton(tr("Send usage data"), box);
     connect(send, &QPushButton::clicked, this, &MainWindow::sendUsageData);
     send->setEnabled(m_context.services != nullptr);
+    // Exactly what the next sending carries, and the copies kept after earlier ones.
+    auto* whatIsSent = new QPushButton(tr("What is sent?"), box);
+    connect(whatIsSent, &QPushButton::clicked, this, [this] {
+        UsageDataDialog* dialog = createUsageDataDialog(this);
+        dialog->setAttribute(Qt::WA_DeleteOnClose);
+        dialog->open();
+    });
     auto* buttons = new QHBoxLayout;
     buttons->addWidget(logEvent);
     buttons->addWidget(send);
+    buttons->addWidget(whatIsSent);
     buttons->addStretch();
     layout->addLayout(buttons);
     layout->addStretch();

@@ -16,6 +16,7 @@ class DemoUsageStatistics;
 class GridSplitter;
 class JournalView;
 class QCheckBox;
+class UsageDataDialog;
 class QLabel;
 class QListWidget;
 class QProgressBar;
@@ -47,6 +48,8 @@ public:
     AboutBox* createAboutBox(QWidget* parent);
     /** A new update window on the shared controller, wired to the host (the caller owns it). */
     AutoUpdateWindow* createUpdateWindow(QWidget* parent);
+    /** The dialog of what the usage statistics send; the usage pane refreshes when it closes. */
+    UsageDataDialog* createUsageDataDialog(QWidget* parent);
     /** The demo's logo, drawn rather than shipped as a file. */
     static QPixmap logo(int size);
 

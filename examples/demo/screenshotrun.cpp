@@ -10,6 +10,7 @@
 #include "mainwindow.h"
 #include "netmanager.h"
 #include "runevents.h"
+#include "usagedatadialog.h"
 #include "watchdog.h"
 
 #include <QApplication>
@@ -318,6 +319,10 @@ int ScreenshotRun::exec()
     AutoUpdateWindow* updates = window.createUpdateWindow(&window);
     save(updates, QStringLiteral("update-window.png"));
     updates->hide();
+    // After the sending the logs wait in "Sent", so the dialog shows what went.
+    UsageDataDialog* usageData = window.createUsageDataDialog(&window);
+    save(usageData, QStringLiteral("usage-data.png"));
+    usageData->hide();
     save(&window, QStringLiteral("main-window.png"));
 
     if (!m_failures.isEmpty()) {

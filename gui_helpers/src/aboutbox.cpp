@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "aboutbox.h"
 
+#include "abstractusagestatisticssingleton.h"
 #include "productinfo_p.h"
 #include "ui_aboutbox.h"
+#include "usagedatadialog.h"
 
 #include <QClipboard>
 #include <QCoreApplication>
@@ -11,7 +13,9 @@
 #include <QHeaderView>
 #include <QLabel>
 #include <QLocale>
+#include <QMetaMethod>
 #include <QPixmap>
+#include <QSignalBlocker>
 #include <QTableWidget>
 #include <QTextDocument>
 #include <QTextEdit>
@@ -226,6 +230,16 @@ AboutBox::AboutBox(QWidget* parent, Qt::WindowFlags flags)
     connect(m_ui->usageDataCheckbox, &QCheckBox::toggled, this, &AboutBox::allowUsageDataGathering);
     m_ui->checkForUpdatesPushButton->hide();
     m_ui->usageDataCheckbox->hide();
+    m_ui->usageDataDetailsLabel->hide();
+    connect(m_ui->usageDataDetailsLabel, &QLabel::linkActivated, this, [this] {
+        Q_EMIT usageDataDetailsRequested();
+        // A host that listens shows its own; otherwise the library's dialog opens.
+        if (isSignalConnected(QMetaMethod::fromSignal(&AboutBox::usageDataDetailsRequested)))
+            return;
+        auto* dialog = new UsageDataDialog(AbstractUsageStatisticsSingleton::instance(), this);
+        dialog->setAttribute(Qt::WA_DeleteOnClose);
+        dialog->open();
+    });
 
     // The maker's own sentences stand until the host supplies its trademark lines and product.
     m_ui->tradeMarkLabel->setText(QString::fromLatin1(makerTrademarkTemplate).arg(tr(productinfo::trademarkSentence)));
@@ -372,8 +386,29 @@ void AboutBox::showCheckForUpdatesButton(bool show)
 
 void AboutBox::showUsageDataCheckbox(bool show, bool checked)
 {
-    m_ui->usageDataCheckbox->setChecked(checked);
+    static const char* const policyProperty = "gui_helpers_disabledByPolicy";
+    if (AbstractUsageStatisticsSingleton::disabledByPolicy()) {
+        // Not the user's choice, so no allowUsageDataGathering() for it.
+        const QSignalBlocker blocker(m_ui->usageDataCheckbox);
+        m_ui->usageDataCheckbox->setChecked(false);
+        m_ui->usageDataCheckbox->setEnabled(false);
+        m_ui->usageDataCheckbox->setToolTip(tr("Usage statistics are turned off by your organisation"));
+        m_ui->usageDataCheckbox->setProperty(policyProperty, true);
+    } else {
+        // Undo only what the policy did: a host may have disabled the box for reasons of its own.
+        if (m_ui->usageDataCheckbox->property(policyProperty).toBool()) {
+            m_ui->usageDataCheckbox->setEnabled(true);
+            m_ui->usageDataCheckbox->setToolTip(QString());
+            m_ui->usageDataCheckbox->setProperty(policyProperty, false);
+        }
+        m_ui->usageDataCheckbox->setChecked(checked);
+    }
     m_ui->usageDataCheckbox->setVisible(show);
+}
+
+void AboutBox::showUsageDataDetailsLink(bool show)
+{
+    m_ui->usageDataDetailsLabel->setVisible(show);
 }
 
 void AboutBox::confirmationCopyToClipboard()

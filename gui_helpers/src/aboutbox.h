@@ -180,8 +180,19 @@ public:
 
     /** The "Check for Updates" button is hidden until shown here. */
     void showCheckForUpdatesButton(bool show);
-    /** Sets the usage-data check box (emitting allowUsageDataGathering() if that changes it) and its visibility. */
+    /**
+     * Sets the usage-data check box (emitting allowUsageDataGathering() if that changes it) and
+     * its visibility. While the organisation has switched usage statistics off
+     * (AbstractUsageStatisticsSingleton::disabledByPolicy()) the box is unchecked and disabled
+     * whatever @p checked says, with a tooltip saying why, and emits nothing.
+     */
     void showUsageDataCheckbox(bool show, bool checked);
+    /**
+     * Shows or hides the "What is sent?" link beside the usage-data check box (hidden until
+     * shown here). Following it emits usageDataDetailsRequested(); when nothing is connected
+     * to that signal, a UsageDataDialog for AbstractUsageStatisticsSingleton::instance() opens.
+     */
+    void showUsageDataDetailsLink(bool show);
 
 public Q_SLOTS:
     /** Puts the software information and the pages' contents on the clipboard as plain text. */
@@ -192,6 +203,8 @@ Q_SIGNALS:
     void checkForUpdates();
     /** The usage-data check box changed to @p allow. */
     void allowUsageDataGathering(bool allow);
+    /** The user followed the "What is sent?" link (see showUsageDataDetailsLink()). */
+    void usageDataDetailsRequested();
 
 private:
     template <typename Page> Page* findPage(const QString& title) const;

@@ -11,6 +11,7 @@
 
 #include <QCoreApplication>
 #include <QDate>
+#include <QDateTime>
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
@@ -44,6 +45,9 @@ const QString DEFAULT_VALUE = QStringLiteral("default");
 const QString LOCALE_SETTINGS_APPLICATION = QStringLiteral("Locale");
 const QString CHOSEN_LOCALE_KEY = QStringLiteral("ChosenLocale");
 const QString CLOSED_SUFFIX = QStringLiteral("_closed");
+const QString SENT_FOLDER = QStringLiteral("Sent");
+const QString POLICY_VARIABLE = QStringLiteral("VELTRAX_USAGE_STATISTICS");
+const QString POLICY_DISABLED_KEY = QStringLiteral("Disabled");
 
 // Build and source revision of the statistics format, reported in every header.
 const QString USAGE_BUILD_NUMBER = QStringLiteral("6323");
@@ -54,20 +58,59 @@ bool isEmptyValue(const QVariant& value)
 {
     return value.toString().isEmpty();
 }
+
+// Moves the logs an accepted sending would delete into "Sent", stamped now, and prunes the
+// copies stamped more than @p days days ago. A log that cannot be moved is deleted as usual.
+void keepSentCopies(const QString& logFilePath, const QString& prefix, int days)
+{
+    const QFileInfo current(logFilePath);
+    const QDir dir(current.absolutePath());
+    dir.mkpath(SENT_FOLDER);
+    const QDir sent(dir.absoluteFilePath(SENT_FOLDER));
+    const QDateTime now = QDateTime::currentDateTime();
+    const QStringList paths = usagestatistics::finishedLogPaths(logFilePath, prefix);
+    for (const QString& path : paths) {
+        const QString target = sent.absoluteFilePath(QFileInfo(path).fileName());
+        QFile::remove(target); // the same name is the same log
+        QFile file(path);
+        if (!file.rename(target)) {
+            QFile::remove(path);
+            continue;
+        }
+        // The file keeps its last write time across the move; the age counts from the sending.
+        if (file.open(QIODevice::Append))
+            file.setFileTime(now, QFileDevice::FileModificationTime);
+    }
+    const QDateTime oldest = now.addDays(-days);
+    const QFileInfoList copies = sent.entryInfoList(QDir::Files | QDir::NoDotAndDotDot);
+    for (const QFileInfo& copy : copies) {
+        if (copy.fileName().contains(prefix) && copy.lastModified() < oldest)
+            QFile::remove(copy.absoluteFilePath());
+    }
+}
 } // namespace
 
-veltrax::SettingsFile usagestatistics::collectFinishedLogs(const QString& logFilePath, const QString& pattern)
+QStringList usagestatistics::finishedLogPaths(const QString& logFilePath, const QString& pattern)
 {
     const QFileInfo logFile(logFilePath);
     const QDir dir(logFile.absolutePath());
     const QString ownName = logFile.fileName();
-    veltrax::SettingsFile logs;
+    QStringList paths;
     const QStringList entries = dir.entryList(QDir::Files | QDir::NoDotAndDotDot, QDir::Unsorted);
     for (const QString& entry : entries) {
         const QString fullName = dir.absolutePath() + QDir::separator() + entry;
         // The log being written now shares the pattern; it stays out.
-        if (!fullName.contains(pattern) || fullName.contains(ownName))
-            continue;
+        if (fullName.contains(pattern) && !fullName.contains(ownName))
+            paths << fullName;
+    }
+    return paths;
+}
+
+veltrax::SettingsFile usagestatistics::collectFinishedLogs(const QString& logFilePath, const QString& pattern)
+{
+    veltrax::SettingsFile logs;
+    const QStringList paths = finishedLogPaths(logFilePath, pattern);
+    for (const QString& fullName : paths) {
         QFile file(fullName);
         if (!file.open(QIODevice::ReadOnly | QIODevice::Text))
             continue;
@@ -100,6 +143,10 @@ public:
     std::atomic<bool> replyHandled {true};
     /** The loop terminateServerConnection() waits in, ended early by the reply. */
     QEventLoop* replyWait = nullptr;
+    /** Days sent logs are kept in "Sent"; 0 deletes them as soon as they were accepted. */
+    int keepSentDays = 0;
+    /** Set during the user's explicit deletion, which "DeleteLogFiles" does not stop. */
+    bool deletionRequestedByUser = false;
 };
 
 AbstractUsageStatisticsSingleton* AbstractUsageStatisticsSingleton::gAbstractUsageStatisticsSingleton = nullptr;
@@ -152,6 +199,8 @@ QString AbstractUsageStatisticsSingleton::logDirectory() const
 
 bool AbstractUsageStatisticsSingleton::firstTimeRunningUsage()
 {
+    if (disabledByPolicy())
+        return false;
     QSettings settings;
     settings.beginGroup(USAGE_REGISTRY_GROUP);
     return !settings.contains(ALLOW_USAGE_FOR_USERS_REG_KEY);
@@ -159,6 +208,8 @@ bool AbstractUsageStatisticsSingleton::firstTimeRunningUsage()
 
 bool AbstractUsageStatisticsSingleton::allowLogFilesForUser()
 {
+    if (disabledByPolicy())
+        return false;
     QSettings settings;
     settings.beginGroup(USAGE_REGISTRY_GROUP);
     if (!settings.contains(ALLOW_USAGE_FOR_USERS_REG_KEY))
@@ -171,6 +222,8 @@ bool AbstractUsageStatisticsSingleton::allowLogFilesForUser()
 
 void AbstractUsageStatisticsSingleton::setAllowLogFilesForUser(bool allow)
 {
+    if (disabledByPolicy())
+        return;
     {
         QSettings settings;
         settings.beginGroup(USAGE_REGISTRY_GROUP);
@@ -329,7 +382,7 @@ void AbstractUsageStatisticsSingleton::closeAndRemoveCurrentLog()
 
 void AbstractUsageStatisticsSingleton::removeLogFiles()
 {
-    if (!allowedToDeleteLogFiles())
+    if (!d->deletionRequestedByUser && !allowedToDeleteLogFiles())
         return;
     // Without a log there is no directory to look in (and an empty path would mean the
     // working directory).
@@ -346,6 +399,75 @@ void AbstractUsageStatisticsSingleton::removeLogFiles()
         if (fullName.contains(prefix) && !fullName.contains(currentName))
             QFile::remove(fullName);
     }
+}
+
+QStringList AbstractUsageStatisticsSingleton::pendingLogFiles() const
+{
+    if (d->logFilePath.isEmpty())
+        return {};
+    auto* self = const_cast<AbstractUsageStatisticsSingleton*>(this); // the prefix is the host's, not state
+    QStringList paths = usagestatistics::finishedLogPaths(d->logFilePath, self->logFilePrefix());
+    paths.sort();
+    return paths;
+}
+
+veltrax::SettingsFile AbstractUsageStatisticsSingleton::pendingUsageData() const
+{
+    if (d->logFilePath.isEmpty())
+        return {};
+    auto* self = const_cast<AbstractUsageStatisticsSingleton*>(this);
+    return usagestatistics::collectFinishedLogs(d->logFilePath, self->logFilePrefix());
+}
+
+bool AbstractUsageStatisticsSingleton::disabledByPolicy()
+{
+    const QString variable = qEnvironmentVariable(qPrintable(POLICY_VARIABLE)).trimmed().toLower();
+    if (variable == QLatin1String("0") || variable == QLatin1String("off") || variable == QLatin1String("false") || variable == QLatin1String("no"))
+        return true;
+    const QSettings system(QSettings::SystemScope, QCoreApplication::organizationName(), USAGE_REGISTRY_GROUP);
+    return system.value(POLICY_DISABLED_KEY, false).toBool();
+}
+
+void AbstractUsageStatisticsSingleton::setKeepSentLogs(int days)
+{
+    d->keepSentDays = qMax(0, days);
+}
+
+int AbstractUsageStatisticsSingleton::keepSentLogs() const
+{
+    return d->keepSentDays;
+}
+
+QStringList AbstractUsageStatisticsSingleton::sentLogFiles() const
+{
+    if (d->logFilePath.isEmpty())
+        return {};
+    auto* self = const_cast<AbstractUsageStatisticsSingleton*>(this);
+    const QString prefix = self->logFilePrefix();
+    const QDir sent(QFileInfo(d->logFilePath).absolutePath() + QDir::separator() + SENT_FOLDER);
+    QStringList paths;
+    const QStringList entries = sent.entryList(QDir::Files | QDir::NoDotAndDotDot, QDir::Name);
+    for (const QString& entry : entries) {
+        if (entry.contains(prefix))
+            paths << sent.absoluteFilePath(entry);
+    }
+    return paths;
+}
+
+QDate AbstractUsageStatisticsSingleton::lastAcceptedSending() const
+{
+    QSettings settings;
+    settings.beginGroup(USAGE_REGISTRY_GROUP);
+    return QDate::fromString(settings.value(LAST_SENDING_REG_KEY, QString()).toString(), Qt::TextDate);
+}
+
+void AbstractUsageStatisticsSingleton::deleteCollectedLogs()
+{
+    d->deletionRequestedByUser = true;
+    removeLogFiles();
+    d->deletionRequestedByUser = false;
+    for (const QString& path : sentLogFiles())
+        QFile::remove(path);
 }
 
 void AbstractUsageStatisticsSingleton::overrideServerAndPort(QString& address, int& port)
@@ -395,7 +517,10 @@ void AbstractUsageStatisticsSingleton::startSendingUsageData(UpdateServerOptions
 void AbstractUsageStatisticsSingleton::handleReplyFromServer(const veltrax::SettingsFile& settingsFile)
 {
     if (!settingsFile.hasSubTree(updateserver::ERROR_SECTION, false)) {
-        removeLogFiles();
+        if (d->keepSentDays > 0 && allowedToDeleteLogFiles() && !d->logFilePath.isEmpty())
+            keepSentCopies(d->logFilePath, logFilePrefix(), d->keepSentDays);
+        else
+            removeLogFiles();
         QSettings settings;
         settings.beginGroup(USAGE_REGISTRY_GROUP);
         settings.setValue(LAST_SENDING_REG_KEY, QDate::currentDate().toString(Qt::TextDate));

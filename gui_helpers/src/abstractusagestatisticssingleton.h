@@ -7,8 +7,10 @@
 #include "gui_helpers_export.h"
 #include "updateservercomm.h"
 
+#include <QDate>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 #include <memory>
 
@@ -140,6 +142,53 @@ public:
     QString logFilePath() const;
     /** Directory of the logs, ending in a separator; empty before the first log. */
     QString logDirectory() const;
+
+    // ---- Transparency, the organisation's switch and the record of what was sent ----
+
+    /**
+     * Full paths, sorted by name, of the logs the next sending would carry: this
+     * application's files in the log directory (names containing logFilePrefix()) except
+     * the log being written. Copies kept in "Sent" are never among them. Empty before the
+     * first log, because nothing is sent then.
+     */
+    QStringList pendingLogFiles() const;
+    /**
+     * The tree the next sending would carry, built by the very function the sending uses:
+     * one binary setting per pending log, keyed by the log's base name. Reads the files
+     * now; a log finished later is not in it.
+     */
+    veltrax::SettingsFile pendingUsageData() const;
+
+    /**
+     * True when the organisation has switched usage statistics off: the environment
+     * variable VELTRAX_USAGE_STATISTICS is "0", "off", "false" or "no" (any case), or the
+     * system-scope settings of the organisation (application "UsageStatistics") hold
+     * Disabled=true. Then allowLogFilesForUser() is false and stores nothing,
+     * setAllowLogFilesForUser() does nothing, firstTimeRunningUsage() is false (there is
+     * nothing to ask), no log is created and nothing is sent. Read anew on every call.
+     */
+    static bool disabledByPolicy();
+
+    /**
+     * Keep sent logs for @p days days instead of deleting them (0, the default, deletes
+     * them; negative counts as 0). After an accepted sending the logs that would have been
+     * deleted move into the sub-folder "Sent" of the log directory, stamped with the time
+     * of the move, and copies stamped more than @p days days ago are removed. Nothing in
+     * "Sent" is sent again. "DeleteLogFiles" forbidding deletion keeps the logs in place.
+     */
+    void setKeepSentLogs(int days);
+    /** The days set with setKeepSentLogs(). */
+    int keepSentLogs() const;
+    /** Full paths, sorted by name, of this application's copies in "Sent"; empty before the first log. */
+    QStringList sentLogFiles() const;
+    /** The day the server last accepted a sending ("UsageDataWasSentOn"); invalid when never. */
+    QDate lastAcceptedSending() const;
+    /**
+     * The user's explicit "delete what was collected": removes this application's logs
+     * except the one being written, and its copies in "Sent", even when "DeleteLogFiles"
+     * forbids the deletion after sending.
+     */
+    void deleteCollectedLogs();
 
     /** The host's instance; nothing in this class sets it. */
     static AbstractUsageStatisticsSingleton* gAbstractUsageStatisticsSingleton;

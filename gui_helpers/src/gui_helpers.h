@@ -31,3 +31,4 @@
 #include "updateservercomm.h"
 #include "updateserverprotocol.h"
 #include "updateserverresponseparser.h"
+#include "usagedatadialog.h"

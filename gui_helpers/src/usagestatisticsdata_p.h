@@ -7,14 +7,20 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 
 namespace usagestatistics
 {
 /**
- * The finished logs beside @p logFilePath: every file in its directory whose full name
- * contains @p pattern (case-sensitive), except @p logFilePath's own file, which is still
- * being written. One binary setting per file, keyed by the file's base name, holding the
- * file's text as UTF-8. Unreadable files are left out.
+ * The logs a sending carries: every file directly in the directory of @p logFilePath whose
+ * full path contains @p pattern (case-sensitive), except @p logFilePath's own file, which is
+ * still being written. Full paths, in the directory's own order.
+ */
+QStringList finishedLogPaths(const QString& logFilePath, const QString& pattern);
+
+/**
+ * The finished logs of finishedLogPaths(), one binary setting per file, keyed by the
+ * file's base name, holding the file's text as UTF-8. Unreadable files are left out.
  */
 veltrax::SettingsFile collectFinishedLogs(const QString& logFilePath, const QString& pattern);
 

@@ -70,6 +70,7 @@ private Q_SLOTS:
         box.setBuildInfo(QStringLiteral("812"), QStringLiteral("9f3c2e1"), QStringLiteral("2024-03-05"), QStringLiteral("yyyy-MM-dd"), 0);
         box.addTrademarkLine(QStringLiteral("Kinemon is a trademark of Veltrax Test."));
         box.setEula(QStringLiteral("<h2>Terms</h2><p>You may use this <b>software</b>.</p>"));
+        box.showUsageDataDetailsLink(true); // not part of the copied text
         box.addComponent(QStringLiteral("Sensor firmware"), QStringLiteral("3.1"));
         box.addCustomPage(new NotesPage);
         box.addComponent(QStringLiteral("Calibration data"), QStringLiteral("2024.1"));

@@ -10,12 +10,16 @@
 
 #include <QCoreApplication>
 #include <QDate>
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QMap>
 #include <QPointer>
+#include <QScopeGuard>
+#include <QSettings>
 #include <QTcpServer>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <memory>
@@ -37,6 +41,30 @@ QMap<QString, QByteArray> filesIn(const QString& dir)
     for (const QString& name : names)
         files.insert(name, readFile(QDir(dir).filePath(name)));
     return files;
+}
+
+// What the server's inbox holds for @p tree: "<setting name>.log" -> the setting's bytes.
+QMap<QString, QByteArray> asInbox(const veltrax::SettingsFile& tree)
+{
+    QMap<QString, QByteArray> files;
+    for (const auto& entry : tree.settings())
+        files.insert(QString::fromStdString(entry.first) + QStringLiteral(".log"), QByteArray::fromStdString(entry.second.toConstBinaryObject().toStdString()));
+    return files;
+}
+
+QStringList fileNames(const QStringList& paths)
+{
+    QStringList names;
+    for (const QString& path : paths)
+        names << QFileInfo(path).fileName();
+    return names;
+}
+
+void setAge(const QString& path, int days)
+{
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::Append));
+    QVERIFY(file.setFileTime(QDateTime::currentDateTime().addDays(-days), QFileDevice::FileModificationTime));
 }
 
 int usageRequestsSeen(ServerProcess& process)
@@ -70,6 +98,7 @@ class UsageStatisticsSendingTest : public QObject
     Q_OBJECT
 private:
     TestCertificates m_certificates;
+    QTemporaryDir m_systemScope;
 
     std::unique_ptr<UpdateServerProcess> startServer(const QStringList& extraArguments = {})
     {
@@ -86,6 +115,8 @@ private Q_SLOTS:
     void initTestCase()
     {
         QCoreApplication::setApplicationName(QStringLiteral("UsageSendingTest"));
+        QVERIFY(m_systemScope.isValid());
+        QSettings::setPath(QSettings::NativeFormat, QSettings::SystemScope, m_systemScope.path());
         QVERIFY2(m_certificates.create(), qPrintable(m_certificates.errorString()));
     }
 
@@ -159,11 +190,16 @@ private Q_SLOTS:
             scene.earlier.insert(QFileInfo(scene.current).fileName(), readFile(scene.current));
         }
 
+        // The preview names exactly the logs that go, and its tree is what the server receives.
+        QCOMPARE(fileNames(usage.pendingLogFiles()), QStringList(scene.earlier.keys()));
+        const veltrax::SettingsFile preview = usage.pendingUsageData();
+
         usage.startSendingUsageData(options);
         QTRY_COMPARE_WITH_TIMEOUT(usageValue(kSentOn), day(0), 20000);
 
         // The finished logs arrived byte for byte and are gone here; the rest stayed.
         QCOMPARE(filesIn(server->inboxPath()), scene.earlier);
+        QCOMPARE(filesIn(server->inboxPath()), asInbox(preview));
         for (auto it = scene.earlier.cbegin(); it != scene.earlier.cend(); ++it)
             QVERIFY2(!QFile::exists(usage.logDirectory() + it.key()), qPrintable(it.key()));
         QVERIFY(QFile::exists(scene.otherApplication));
@@ -281,6 +317,87 @@ private Q_SLOTS:
         QVERIFY(!listener.hasPendingConnections());
         QVERIFY(QFile::exists(earlier));
         QCOMPARE(usageValue(kSentOn), lastSent.isValid() ? lastSent.toString() : QStringLiteral("<absent>"));
+    }
+
+    void keptSentLogsAreNotSentAgain()
+    {
+        auto server = startServer();
+        QVERIFY(server);
+        TestUsage usage;
+        usage.setKeepSentLogs(7);
+        const Scene scene(usage);
+        const QString sent = usageLogDir() + QStringLiteral("Sent/");
+        QVERIFY(QDir().mkpath(sent));
+        for (const QString& name : {QStringLiteral("TestApp_old_1.log"), QStringLiteral("TestApp_recent_2.log"), QStringLiteral("OtherApp_old_3.log")}) {
+            writeFile(sent + name, "copy\n");
+            setAge(sent + name, name.contains(QLatin1String("recent")) ? 6 : 8);
+        }
+
+        usage.startSendingUsageData(server->options());
+        QTRY_COMPARE_WITH_TIMEOUT(usageValue(kSentOn), day(0), 20000);
+        QCOMPARE(filesIn(server->inboxPath()), scene.earlier);
+        // Moved, not deleted; only this application's copy past the seven days is pruned.
+        QMap<QString, QByteArray> expected = scene.earlier;
+        expected.insert(QStringLiteral("TestApp_recent_2.log"), "copy\n");
+        expected.insert(QStringLiteral("OtherApp_old_3.log"), "copy\n");
+        QCOMPARE(filesIn(sent), expected);
+        QCOMPARE(fileNames(usage.sentLogFiles()).size(), expected.size() - 1);
+        QVERIFY(usage.pendingLogFiles().isEmpty());
+
+        // The next day's sending carries nothing from "Sent".
+        setUsageValue(kSentOn, day(-1));
+        usage.startSendingUsageData(server->options());
+        usage.terminateServerConnection(30000);
+        QCOMPARE(usageRequestsSeen(server->process()), 2);
+        QCOMPARE(filesIn(server->inboxPath()), scene.earlier);
+        QCOMPARE(filesIn(sent), expected);
+    }
+
+    void organisationPolicy_data()
+    {
+        QTest::addColumn<QByteArray>("environment");
+        QTest::addColumn<bool>("systemDisabled");
+        QTest::addColumn<bool>("disabled");
+        QTest::newRow("0") << QByteArray("0") << false << true;
+        QTest::newRow("off") << QByteArray("off") << false << true;
+        QTest::newRow("FALSE") << QByteArray("FALSE") << false << true;
+        QTest::newRow("No") << QByteArray("No") << false << true;
+        QTest::newRow("system scope Disabled=true") << QByteArray() << true << true;
+        QTest::newRow("1 is no policy") << QByteArray("1") << false << false;
+        QTest::newRow("nothing set") << QByteArray() << false << false;
+    }
+    void organisationPolicy()
+    {
+        QFETCH(QByteArray, environment);
+        QFETCH(bool, systemDisabled);
+        QFETCH(bool, disabled);
+        const QString earlier = earlierRun({QStringLiteral("Export")}, true);
+        const QStringList before = logFiles();
+        setUsageValue(QStringLiteral("AllowUsageLogsForUsers"), QVariant());
+        if (systemDisabled)
+            QSettings(QSettings::SystemScope, QCoreApplication::organizationName(), QStringLiteral("UsageStatistics")).setValue(QStringLiteral("Disabled"), true);
+        if (!environment.isEmpty())
+            qputenv("VELTRAX_USAGE_STATISTICS", environment);
+        const auto restore = qScopeGuard([] { qunsetenv("VELTRAX_USAGE_STATISTICS"); });
+
+        QTcpServer listener; // any connection attempt would show up here
+        QVERIFY(listener.listen(QHostAddress::LocalHost));
+        TestUsage usage;
+        QCOMPARE(AbstractUsageStatisticsSingleton::disabledByPolicy(), disabled);
+        QCOMPARE(usage.firstTimeRunningUsage(), !disabled);
+        QCOMPARE(usage.allowLogFilesForUser(), !disabled);
+        usage.setAllowLogFilesForUser(true);
+        QCOMPARE(usageValue(QStringLiteral("AllowUsageLogsForUsers")), disabled ? QStringLiteral("<absent>") : QStringLiteral("true"));
+        usage.recreateLogFile();
+        usage.logUseEvent(QStringLiteral("Export"));
+        QCOMPARE(logFiles() == before, disabled);
+        if (!disabled)
+            return; // sending without a policy: sendsFinishedLogsOnceADay
+        usage.startSendingUsageData({QStringLiteral("127.0.0.1"), listener.serverPort()});
+        QVERIFY(!usage.findChild<UpdateServerComm*>());
+        QTest::qWait(200);
+        QVERIFY(!listener.hasPendingConnections());
+        QVERIFY(QFile::exists(earlier));
     }
 };
 
