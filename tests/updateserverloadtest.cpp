@@ -4,6 +4,7 @@
 // from this one thread, connections that never speak, clients that break the framing, and
 // SIGTERM in the middle of it all. (Answers, faults and the command line of the server are
 // checked in referenceupdateservertest.)
+#include "certificateauthority.h"
 #include "loadclient.h"
 #include "settingsfile.h"
 #include "testhelpers.h"
@@ -12,7 +13,6 @@
 #include <QDir>
 #include <QFile>
 #include <QHostAddress>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QSslConfiguration>
 #include <QSslSocket>
@@ -20,6 +20,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
 #include <memory>
 #include <vector>
 
@@ -65,39 +66,6 @@ QByteArray usageRecord(const std::string& name, const QByteArray& log)
     return frame("USAGE", serialized(logs));
 }
 
-/** The server program with a pid to measure and to signal; its output is read as it comes. */
-class Server
-{
-public:
-    bool start(const QTemporaryDir& dir, const QStringList& extra)
-    {
-        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        QObject::connect(&m_process, &QProcess::readyReadStandardOutput, [this] {
-            m_output += m_process.readAllStandardOutput();
-        });
-        // The temporary directory's path holds no spaces.
-        const QString options = QStringLiteral("--address 127.0.0.1 --port 0 --cert %1/server.pem --key %1/server.key --catalogue %1/catalogue.vxa");
-        m_process.start(UpdateServerProcess::program(), options.arg(dir.path()).split(QLatin1Char(' ')) + extra);
-        const QRegularExpression listening(QStringLiteral("listening on 127.0.0.1:(\\d+)"));
-        QRegularExpressionMatch match;
-        const bool ready = QTest::qWaitFor(
-            [&] {
-                return (match = listening.match(QString::fromLatin1(m_output))).hasMatch() || m_process.state() == QProcess::NotRunning;
-            },
-            kWait);
-        port = quint16(match.captured(1).toUInt());
-        return ready && port != 0;
-    }
-    qint64 kib(const char* field) const { return statusKiB(m_process.processId(), field); }
-    QProcess& process() { return m_process; }
-
-    quint16 port = 0;
-
-private:
-    QProcess m_process;
-    QByteArray m_output;
-};
-
 } // namespace
 
 class UpdateServerLoadTest : public QObject
@@ -115,9 +83,16 @@ private Q_SLOTS:
 private:
     /** "LIST Product<n> mask" and the reply the catalogue gives it. */
     LoadClient::Exchange list(int n) const { return {"LIST Product" + QByteArray::number(n % kProducts) + " FF\n", m_replies.at(n % kProducts)}; }
-    bool start(Server& server, const QStringList& extra = QStringList()) { return server.start(m_dir, extra); }
+    bool start(UpdateServerProcess& server, const QStringList& extra = QStringList())
+    {
+        server.setCatalogueFile(m_dir.filePath(QStringLiteral("catalogue.vxa")));
+        server.setExtraArguments(extra);
+        return server.start();
+    }
+    static qint64 kib(UpdateServerProcess& server, const char* field) { return statusKiB(server.process().processId(), field); }
 
     QTemporaryDir m_dir;
+    CertificateAuthority m_ca;
     QVector<QByteArray> m_replies;
 };
 
@@ -126,18 +101,10 @@ void UpdateServerLoadTest::initTestCase()
     if (UpdateServerProcess::program().isEmpty())
         QSKIP("the reference update server is not built");
     // Elliptic-curve keys: hundreds of handshakes on two shared cores are the test's cost.
-    QVERIFY(writeFile(m_dir.filePath(QStringLiteral("server.ext")), "extendedKeyUsage=serverAuth\nsubjectAltName=IP:127.0.0.1\n"));
-    for (const char* command : {"req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=Load -keyout ca.key -out ca.pem",
-             "req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj /CN=localhost -keyout server.key -out server.csr",
-             "x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile server.ext -out server.pem"}) {
-        QProcess openssl;
-        openssl.setWorkingDirectory(m_dir.path());
-        openssl.start(QStringLiteral("openssl"), QString::fromLatin1(command).split(QLatin1Char(' ')));
-        QVERIFY(openssl.waitForFinished(kWait) && openssl.exitCode() == 0);
-    }
+    QVERIFY2(m_ca.create(m_dir.filePath(QStringLiteral("tls"))), qPrintable(m_ca.errorString()));
     // Only this CA: hundreds of handshakes need not each load the system's bundle.
     QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
-    tls.setCaCertificates({QSslCertificate(readFile(m_dir.filePath(QStringLiteral("ca.pem"))))});
+    tls.setCaCertificates({m_ca.caCertificate()});
     QSslConfiguration::setDefaultConfiguration(tls);
 
     veltrax::SettingsFile catalogue;
@@ -159,8 +126,8 @@ void UpdateServerLoadTest::initTestCase()
 
 void UpdateServerLoadTest::manyClientsAreAnsweredAndMemoryStaysFlat()
 {
-    Server server;
-    QVERIFY(start(server));
+    UpdateServerProcess server(&m_ca);
+    QVERIFY2(start(server), qPrintable(server.errorString()));
     const auto script = [this](int requests) {
         return [this, requests](int client) {
             QVector<LoadClient::Exchange> exchanges;
@@ -171,33 +138,33 @@ void UpdateServerLoadTest::manyClientsAreAnsweredAndMemoryStaysFlat()
     };
     // The first round grows what TLS and the allocator keep for good; only growth after it
     // would be a leak.
-    const LoadResult warmUp = runLoad(QStringLiteral("127.0.0.1"), server.port, 200, script(1), kWait);
+    const LoadResult warmUp = runLoad(QStringLiteral("127.0.0.1"), server.port(), 200, script(1), kWait);
     QVERIFY2(warmUp.ok(), qPrintable(warmUp.failures.join(QLatin1Char('\n'))));
     QTest::qWait(200);
-    const qint64 before = server.kib("VmRSS");
+    const qint64 before = kib(server, "VmRSS");
     QVERIFY(before > 0);
 
-    const LoadResult load = runLoad(QStringLiteral("127.0.0.1"), server.port, 200, script(50), 45000);
+    const LoadResult load = runLoad(QStringLiteral("127.0.0.1"), server.port(), 200, script(50), 45000);
     QVERIFY2(load.ok(), qPrintable(load.failures.join(QLatin1Char('\n'))));
     QCOMPARE(load.requests, qint64(200 * 50));
     if (!kResidentMemoryMeansSomething)
         return;
     QTRY_VERIFY2_WITH_TIMEOUT(
-        server.kib("VmRSS") <= before * 11 / 10, qPrintable(QStringLiteral("%1 KiB before, %2 KiB after").arg(before).arg(server.kib("VmRSS"))), 5000);
+        kib(server, "VmRSS") <= before * 11 / 10, qPrintable(QStringLiteral("%1 KiB before, %2 KiB after").arg(before).arg(kib(server, "VmRSS"))), 5000);
 }
 
 void UpdateServerLoadTest::silentConnectionsNeitherBlockNorStay()
 {
-    Server server;
-    QVERIFY(start(server, {"--idle-timeout", "10"}));
+    UpdateServerProcess server(&m_ca);
+    QVERIFY2(start(server, {"--idle-timeout", "10"}), qPrintable(server.errorString()));
     std::vector<std::unique_ptr<LoadClient>> silent;
     for (int i = 0; i < 500; ++i) {
-        silent.emplace_back(new LoadClient(QStringLiteral("127.0.0.1"), server.port, {}));
+        silent.emplace_back(new LoadClient(QStringLiteral("127.0.0.1"), server.port(), {}));
         silent.back()->connectToServer();
     }
     // One that never even starts the handshake.
     QTcpSocket mute;
-    mute.connectToHost(QHostAddress::LocalHost, server.port);
+    mute.connectToHost(QHostAddress::LocalHost, server.port());
     QTRY_VERIFY_WITH_TIMEOUT(std::all_of(silent.cbegin(),
                                  silent.cend(),
                                  [](const std::unique_ptr<LoadClient>& c) {
@@ -205,7 +172,7 @@ void UpdateServerLoadTest::silentConnectionsNeitherBlockNorStay()
                                  }),
         kWait);
 
-    LoadClient newcomer(QStringLiteral("127.0.0.1"), server.port, {list(1)});
+    LoadClient newcomer(QStringLiteral("127.0.0.1"), server.port(), {list(1)});
     QObject::connect(&newcomer, &LoadClient::encrypted, &newcomer, &LoadClient::runScript);
     newcomer.connectToServer();
     QTRY_VERIFY_WITH_TIMEOUT(newcomer.isDone(), 1000); // handshake and reply, within a second
@@ -241,14 +208,14 @@ void UpdateServerLoadTest::brokenFramingIsRefusedWithoutHarm()
     QFETCH(bool, mayBeCutOff);
     QFETCH(bool, closes);
 
-    Server server;
-    QVERIFY(start(server, {"--inbox", m_dir.filePath(QStringLiteral("abuse-inbox"))}));
-    LoadClient bystander(QStringLiteral("127.0.0.1"), server.port, {list(0), list(1)});
+    UpdateServerProcess server(&m_ca);
+    QVERIFY2(start(server), qPrintable(server.errorString()));
+    LoadClient bystander(QStringLiteral("127.0.0.1"), server.port(), {list(0), list(1)});
     bystander.connectToServer();
     QSslSocket abuser;
-    abuser.connectToHostEncrypted(QStringLiteral("127.0.0.1"), server.port);
+    abuser.connectToHostEncrypted(QStringLiteral("127.0.0.1"), server.port());
     QTRY_VERIFY_WITH_TIMEOUT(bystander.isEncrypted() && abuser.isEncrypted(), kWait);
-    const qint64 peakBefore = server.kib("VmPeak");
+    const qint64 peakBefore = kib(server, "VmPeak");
 
     abuser.write(sent);
     QByteArray answer;
@@ -274,14 +241,14 @@ void UpdateServerLoadTest::brokenFramingIsRefusedWithoutHarm()
     QTRY_VERIFY_WITH_TIMEOUT(bystander.isDone(), kWait);
     QCOMPARE(bystander.failure(), QString());
     // Reserving what a client declares would show in the address space at least.
-    QVERIFY2(server.kib("VmPeak") - peakBefore < 32 * 1024, qPrintable(QStringLiteral("VmPeak grew by %1 KiB").arg(server.kib("VmPeak") - peakBefore)));
+    QVERIFY2(kib(server, "VmPeak") - peakBefore < 32 * 1024, qPrintable(QStringLiteral("VmPeak grew by %1 KiB").arg(kib(server, "VmPeak") - peakBefore)));
 }
 
 void UpdateServerLoadTest::sigtermKeepsEveryAcknowledgedLog()
 {
-    const QString inbox = m_dir.filePath(QStringLiteral("inbox"));
-    Server server;
-    QVERIFY(start(server, {"--inbox", inbox}));
+    UpdateServerProcess server(&m_ca);
+    QVERIFY2(start(server), qPrintable(server.errorString()));
+    const QString inbox = server.inboxPath();
 
     constexpr int kSenders = 20;
     constexpr int kRecords = 10;
@@ -296,13 +263,13 @@ void UpdateServerLoadTest::sigtermKeepsEveryAcknowledgedLog()
         QVector<LoadClient::Exchange> records;
         for (int r = 0; r < kRecords; ++r)
             records << LoadClient::Exchange {usageRecord(logName(s, r).toStdString(), logText(s, r)), "ACK 5 USAGE"};
-        clients.emplace_back(new LoadClient(QStringLiteral("127.0.0.1"), server.port, records));
+        clients.emplace_back(new LoadClient(QStringLiteral("127.0.0.1"), server.port(), records));
     }
     for (int i = 0; i < 50; ++i)
-        clients.emplace_back(new LoadClient(QStringLiteral("127.0.0.1"), server.port, {}));
+        clients.emplace_back(new LoadClient(QStringLiteral("127.0.0.1"), server.port(), {}));
     // A record that never completes, and a line that never ends.
     for (const QByteArray& stuck : {QByteArray("USAGE 100000 ") + QByteArray(5000, 'u'), QByteArray(3000, 'L')})
-        clients.emplace_back(new LoadClient(QStringLiteral("127.0.0.1"), server.port, {{stuck, "never"}}));
+        clients.emplace_back(new LoadClient(QStringLiteral("127.0.0.1"), server.port(), {{stuck, "never"}}));
     for (size_t i = 0; i < clients.size(); ++i) {
         if (i < size_t(kSenders) || i >= clients.size() - 2)
             QObject::connect(clients[i].get(), &LoadClient::encrypted, clients[i].get(), &LoadClient::runScript);
@@ -316,10 +283,9 @@ void UpdateServerLoadTest::sigtermKeepsEveryAcknowledgedLog()
         return total;
     };
     QTRY_VERIFY_WITH_TIMEOUT(acknowledged() >= kSenders * kRecords / 4, kWait);
-    server.process().terminate();
-    QTRY_COMPARE_WITH_TIMEOUT(server.process().state(), QProcess::NotRunning, kWait);
-    QCOMPARE(server.process().exitStatus(), QProcess::NormalExit);
-    QCOMPARE(server.process().exitCode(), 0);
+    QCOMPARE(::kill(pid_t(server.process().processId()), SIGTERM), 0);
+    QTRY_VERIFY_WITH_TIMEOUT(!server.process().isRunning(), kWait);
+    QVERIFY(server.process().stop()); // ended by itself, with exit code 0
 
     QStringList expected;
     for (int s = 0; s < kSenders; ++s) {

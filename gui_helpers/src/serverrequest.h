@@ -27,16 +27,13 @@ public:
     ServerRequest(UpdateServerComm& comm, QObject* parent = nullptr);
     ~ServerRequest() override;
 
-    /** The result of doRequest() (valid once reply() was emitted). */
-    const veltrax::SettingsFile& result() const { return *m_result; }
-
 Q_SIGNALS:
     /** The reply, error or empty tree; emitted on the request's thread. Not emitted if doRequest() threw (that is logged). */
     void reply(const veltrax::SettingsFile& settings);
 
 protected:
     void run() override;
-    /** Fills result(); runs on the request's thread. */
+    /** Fills m_result; runs on the request's thread. */
     virtual void doRequest() = 0;
 
     std::unique_ptr<veltrax::SettingsFile> m_result;

@@ -4,22 +4,12 @@
 // connection's own use (and its tests and benchmarks).
 #pragma once
 
-#include "gui_helpers_export.h"
 #include "updateserverresponseparser.h"
 
 #include <QByteArray>
 
 #include <cstddef>
 #include <functional>
-
-// Exported only in builds with tests, so that the tests can drive private classes directly.
-#ifndef GUI_HELPERS_TESTS_EXPORT
-#if defined(GUI_HELPERS_EXPORT_PRIVATE_FOR_TESTS)
-#define GUI_HELPERS_TESTS_EXPORT GUI_HELPERS_EXPORT
-#else
-#define GUI_HELPERS_TESTS_EXPORT
-#endif
-#endif
 
 /**
  * Collects received bytes and cuts the replies off their front, in arrival order.
@@ -29,7 +19,7 @@
  * more with no known word in front) are dropped, so the stream always makes progress. A
  * body declared longer than maxReplySize() is never buffered: everything held is dropped.
  */
-class GUI_HELPERS_TESTS_EXPORT ServerReplyAssembler
+class ServerReplyAssembler
 {
 public:
     /** What one feed() did besides handing out replies. */

@@ -96,10 +96,7 @@ private Q_SLOTS:
             QVERIFY(QFile::remove(path));
             QVERIFY(writers.waitForMore(200));
             // A new file under the same name is not ours: nothing may land in it.
-            QFile stranger(path);
-            QVERIFY(stranger.open(QIODevice::WriteOnly));
-            stranger.write("stranger\n");
-            stranger.close();
+            QVERIFY(writeFile(path, "stranger\n"));
             QVERIFY(writers.waitForMore(200));
             QVERIFY(journal->moveLogFile(next.toStdString(), true, false));
             QVERIFY(writers.waitForMore(200));

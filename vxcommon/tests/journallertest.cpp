@@ -32,37 +32,20 @@ QByteArray journalOf(JournalLogLevel level, const std::function<void(Journaller&
     return readAll(path);
 }
 
-// Captures what is written to file descriptor 2 while alive.
-class StderrCapture
+// What is written to file descriptor 2 while `body` runs, through the file at `path`.
+QByteArray stderrOf(const QString& path, const std::function<void()>& body)
 {
-public:
-    explicit StderrCapture(const QString& path)
-        : m_path(path)
-    {
-        fflush(stderr);
-        m_saved = dup(2);
-        const int fd = open(path.toLocal8Bit().constData(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
-        dup2(fd, 2);
-        ::close(fd);
-    }
-    QByteArray finish()
-    {
-        fflush(stderr);
-        dup2(m_saved, 2);
-        ::close(m_saved);
-        m_saved = -1;
-        return readAll(m_path);
-    }
-    ~StderrCapture()
-    {
-        if (m_saved >= 0)
-            finish();
-    }
-
-private:
-    QString m_path;
-    int m_saved = -1;
-};
+    fflush(stderr);
+    const int saved = dup(2);
+    const int fd = open(path.toLocal8Bit().constData(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
+    dup2(fd, 2);
+    ::close(fd);
+    body();
+    fflush(stderr);
+    dup2(saved, 2);
+    ::close(saved);
+    return readAll(path);
+}
 
 // A message body with the layout's prefix stripped: "<level text><message>".
 QList<QByteArray> bodies(const QByteArray& text)
@@ -135,17 +118,19 @@ private Q_SLOTS:
         QFETCH(int, debugLevel);
         QFETCH(int, level);
         QTemporaryDir dir;
-        StderrCapture capture(dir.filePath(QStringLiteral("stderr.txt")));
-        const QByteArray text = journalOf(JLL_TRACE, [&](Journaller& j) {
-            j.setLogLevel(JournalLogLevel(logLevel), false);
-            j.setDebugLevel(JournalLogLevel(debugLevel), false);
-            j.log(JournalLogLevel(level), "probe");
+        QByteArray text;
+        const QByteArray echoed = stderrOf(dir.filePath(QStringLiteral("stderr.txt")), [&] {
+            text = journalOf(JLL_TRACE, [&](Journaller& j) {
+                j.setLogLevel(JournalLogLevel(logLevel), false);
+                j.setDebugLevel(JournalLogLevel(debugLevel), false);
+                j.log(JournalLogLevel(level), "probe");
+            });
         });
-        QTEST(capture.finish().contains("probe"), "toStderr");
+        QTEST(echoed.contains("probe"), "toStderr");
         QTEST(text.contains("probe"), "toFile");
     }
 
-    void pendingPieceJoinsTheNextLine()
+    void lineBreaksFollowTheMessages()
     {
         const QList<QByteArray> lines = journalOf(JLL_DEBUG, [](Journaller& j) {
             j.setTag("t ");
@@ -158,15 +143,12 @@ private Q_SLOTS:
         QVERIFY(lines[0].endsWith("t [ERROR] joined"));
         QVERIFY(!lines[1].startsWith("pending"));
         QVERIFY(lines[1].endsWith("> t [ERROR] alone"));
-    }
-
-    void messageEndingInLineBreakCompletesLineEarly()
-    {
-        const QList<QByteArray> lines = bodies(journalOf(JLL_DEBUG, [](Journaller& j) {
+        // A message ending in a line break completes its line early.
+        const QList<QByteArray> early = bodies(journalOf(JLL_DEBUG, [](Journaller& j) {
             j.log(JLL_ERROR, "first\n");
             j.log(JLL_ERROR, "second");
         }));
-        QCOMPARE(lines, (QList<QByteArray> {"[ERROR] first", "", "[ERROR] second"}));
+        QCOMPARE(early, (QList<QByteArray> {"[ERROR] first", "", "[ERROR] second"}));
     }
 
     void flushLevelPutsLinesOnDiskAtOnce()
@@ -178,8 +160,7 @@ private Q_SLOTS:
         j.log(JLL_DEBUG, "buffered");
         QVERIFY(!readAll(path).contains("buffered"));
         j.log(JLL_ALERT, "alert");
-        QVERIFY(readAll(path).contains("buffered\n"));
-        QVERIFY(readAll(path).contains("alert\n"));
+        QVERIFY(readAll(path).contains("buffered\n") && readAll(path).contains("alert\n"));
         j.log(JLL_TRACE, "trace");
         j.flush();
         QVERIFY(readAll(path).contains("trace\n"));
@@ -225,12 +206,10 @@ private Q_SLOTS:
         j.log(JLL_ERROR, "moved");
         j.flush();
         const QByteArray a = readAll(first);
-        QVERIFY(a.contains("Could not switch to new log location"));
-        QVERIFY(a.contains("still here"));
-        QVERIFY(a.contains("Switching to file " + second.toUtf8()));
+        for (const QByteArray& piece : {QByteArray("Could not switch to new log location"), QByteArray("still here"), "Switching to file " + second.toUtf8()})
+            QVERIFY2(a.contains(piece), piece.constData());
         const QByteArray b = readAll(second);
-        QVERIFY(b.contains("writeFileHeader Journaller logging to " + second.toUtf8() + " on "));
-        QVERIFY(b.contains("moved"));
+        QVERIFY(b.contains("writeFileHeader Journaller logging to " + second.toUtf8() + " on ") && b.contains("moved"));
         QVERIFY(!a.contains("moved"));
         QCOMPARE(QString::fromStdString(j.filename()), second);
     }
@@ -248,8 +227,7 @@ private Q_SLOTS:
         jb.log(JLL_ERROR, "from b");
         ja.flush();
         jb.flush();
-        QVERIFY(readAll(b).contains("from a"));
-        QVERIFY(readAll(b).contains("from b"));
+        QVERIFY(readAll(b).contains("from a") && readAll(b).contains("from b"));
     }
 
     void callSiteMacroPrefixesFunctionAndFeedsAdditionalLogger()
@@ -274,16 +252,11 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("file");
         QTest::addColumn<QString>("tag");
-        QTest::newRow("path and extension") << "/var/log/app.log"
-                                            << "app ";
-        QTest::newRow("no extension") << "plain"
-                                      << "plain ";
-        QTest::newRow("two extensions") << "a/b.tar.gz"
-                                        << "b ";
-        QTest::newRow("hidden file") << "/x/.hidden"
-                                     << "";
-        QTest::newRow("empty") << ""
-                               << "";
+        QTest::newRow("path and extension") << "/var/log/app.log" << QStringLiteral("app ");
+        QTest::newRow("no extension") << "plain" << QStringLiteral("plain ");
+        QTest::newRow("two extensions") << "a/b.tar.gz" << QStringLiteral("b ");
+        QTest::newRow("hidden file") << "/x/.hidden" << QStringLiteral("");
+        QTest::newRow("empty") << "" << QStringLiteral("");
     }
     void tagFromFilename()
     {

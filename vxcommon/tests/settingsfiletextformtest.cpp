@@ -71,31 +71,19 @@ private Q_SLOTS:
         t.setSetting("B.A", Variant(4));
         t.setSetting("Aa.x", Variant(5));
         t.setSetting("b.q.r", Variant(6));
+        // Each kind's own text is covered in varianttest (textFormRoundTrips); these are the
+        // line's own rules: a text ending in a line feed gets no second one.
+        t.setSetting("v", Variant("two\n"));
+        t.setSetting("e", Variant());
         QCOMPARE(vxa(t),
             QStringLiteral("Aa.x=I:5\n"
                            "b.q.r=I:6\n"
                            "b.A=I:4\n"
                            "b.z=I:1\n"
                            "a=I:2\n"
-                           "C=I:3\n"));
-    }
-
-    void valueLinesPerKind_data()
-    {
-        QTest::addColumn<Variant>("value");
-        QTest::addColumn<QString>("line");
-        // Each kind's own text is covered in varianttest (textFormRoundTrips); these rows
-        // are the line's own rules.
-        QTest::newRow("text ending in line feed gets no second one") << Variant("two\n") << "v=S:two\n";
-        QTest::newRow("empty value") << Variant() << "v=\n";
-    }
-
-    void valueLinesPerKind()
-    {
-        QFETCH(Variant, value);
-        SettingsFile t;
-        t.setSetting("v", value);
-        QTEST(vxa(t), "line");
+                           "C=I:3\n"
+                           "e=\n"
+                           "v=S:two\n"));
     }
 
     void writeFilterAppliesToLabels()
@@ -183,8 +171,7 @@ private Q_SLOTS:
         // Without an extension the file name gets ".vxa".
         QVERIFY(t.open(dir.filePath("settings").toStdString()));
         QCOMPARE(QString::fromStdString(t.getFilename()), path);
-        QCOMPARE(t.setting("x.y").toInt32(), 5);
-        QVERIFY(!t.hasSetting("gone"));
+        QCOMPARE(vxa(t), QStringLiteral("x.y=I:5\n"));
         QVERIFY(!t.isModified());
     }
 
@@ -251,11 +238,7 @@ private Q_SLOTS:
         SettingsFile t;
         t.setSetting("kept", Variant(1));
         QVERIFY(t.readVxa(path.toStdString(), "ra", "r."));
-        QCOMPARE(t.setting("r.rate").toInt32(), 1);
-        QVERIFY(!t.hasSetting("r.name"));
         QVERIFY(t.import(path.toStdString(), "i."));
-        QCOMPARE(t.setting("i.name").toStdString(), std::string("n"));
-        QVERIFY(t.hasSetting("kept"));
         QVERIFY(t.getFilename().empty()); // reading a file does not bind the tree to it
 
         const QString out = dir.filePath("out");

@@ -2,12 +2,14 @@
 // Values shared by the variant and settings-tree tests.
 #pragma once
 
+#include "settingsfile.h"
 #include "variant.h"
 
 #include <QByteArray>
 #include <QList>
 #include <QMetaType>
 #include <QPair>
+#include <QStringList>
 
 #include <initializer_list>
 #include <string>
@@ -47,4 +49,17 @@ inline QList<QPair<QByteArray, veltrax::Variant>> everyKind()
         {"rank 0 tensor", Variant(veltrax::Tensor({}, {7}))},
         {"matrix array", Variant(veltrax::MatrixArray {VxMatrix(1, 2, {1, 2}), VxMatrix(0, 0)})},
     };
+}
+
+// The tree's settings as sorted "name=T:value" lines.
+inline QStringList lines(const veltrax::SettingsFile& tree)
+{
+    QStringList got;
+    for (const auto& setting : tree.flattened()) {
+        std::string line = setting.first + "=";
+        setting.second.writeToString(line);
+        got << QString::fromStdString(line);
+    }
+    got.sort();
+    return got;
 }

@@ -52,24 +52,20 @@ private Q_SLOTS:
     void versionFromString_data()
     {
         QTest::addColumn<QString>("text");
-        QTest::addColumn<int>("major");
-        QTest::addColumn<int>("minor");
-        QTest::addColumn<int>("revision");
-        QTest::newRow("plain") << "2021.0.2" << 2021 << 0 << 2;
-        QTest::newRow("two parts") << "1.2" << 0 << 0 << 0;
-        QTest::newRow("four parts") << "1.2.3.4" << 0 << 0 << 0;
-        QTest::newRow("letters") << "1.x.3" << 0 << 0 << 0;
-        QTest::newRow("blank") << " 1.2.3" << 0 << 0 << 0;
-        QTest::newRow("empty") << "" << 0 << 0 << 0;
-        QTest::newRow("overflow") << "1.99999999999.3" << 0 << 0 << 0;
+        QTest::addColumn<QList<int>>("version"); // major, minor, revision
+        QTest::newRow("plain") << "2021.0.2" << QList<int> {2021, 0, 2};
+        QTest::newRow("two parts") << "1.2" << QList<int> {0, 0, 0};
+        QTest::newRow("four parts") << "1.2.3.4" << QList<int> {0, 0, 0};
+        QTest::newRow("letters") << "1.x.3" << QList<int> {0, 0, 0};
+        QTest::newRow("blank") << " 1.2.3" << QList<int> {0, 0, 0};
+        QTest::newRow("empty") << "" << QList<int> {0, 0, 0};
+        QTest::newRow("overflow") << "1.99999999999.3" << QList<int> {0, 0, 0};
     }
     void versionFromString()
     {
         QFETCH(QString, text);
         const VxVersion v = VxVersion::fromString(text.toStdString());
-        QTEST(v.major(), "major");
-        QTEST(v.minor(), "minor");
-        QTEST(v.revision(), "revision");
+        QTEST((QList<int> {v.major(), v.minor(), v.revision()}), "version");
     }
 
     void deviceIdForms()
