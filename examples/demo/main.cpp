@@ -121,7 +121,14 @@ int main(int argc, char** argv)
     // Usage statistics: one instance for the whole run, a log per run.
     context.usage = DemoUsageStatistics::create();
     context.usage->setKeepSentLogs(30); // what was sent stays visible for a month
-    context.usage->recreateLogFile();
+    if (context.usage->firstTimeRunningUsage() && !options.headless()) {
+        // Asked once, as a real application does; storing a yes starts this run's log.
+        const QMessageBox::StandardButton answer = QMessageBox::question(nullptr, QObject::tr("Usage statistics"),
+            QObject::tr("May %1 record anonymous usage statistics and send them to the update server once a day?").arg(QCoreApplication::applicationName()));
+        context.usage->setAllowLogFilesForUser(answer == QMessageBox::Yes);
+    } else {
+        context.usage->recreateLogFile();
+    }
 
     // The update server and the upload endpoint: our own on 127.0.0.1 unless named.
     Watchdog::setStage("starting the servers");

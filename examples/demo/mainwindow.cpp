@@ -110,8 +110,32 @@ MainWindow::MainWindow(DemoContext& context, QWidget* parent)
     if (m_context.autoUpdate) {
         connect(m_context.autoUpdate, &AutoUpdate::versionsUpdated, this, &MainWindow::showVersions);
         connect(m_context.autoUpdate, &AutoUpdate::failedToGetVersions, this, &MainWindow::showUpdateFailure);
+        connect(m_context.autoUpdate, &AutoUpdate::versionCheckFailed, this, [](const QString& reason) {
+            JERROR("update check failed: " << reason);
+        });
+        // A notification line, as an application shows it: the release, and a way to skip it.
+        auto* notice = new QLabel(this);
+        notice->setObjectName(QStringLiteral("newVersionNotice"));
+        notice->hide();
+        statusBar()->addPermanentWidget(notice);
+        connect(m_context.autoUpdate, &AutoUpdate::newVersionAvailable, this, [this, notice](const AutoUpdate::Version& newest) {
+            statusBar()->showMessage(tr("A newer version is available: Help ▸ Check for Updates"), 15000);
+            notice->setText(tr("Version %1 is available. <a href=\"%2\">Skip this version</a>").arg(newest.publicVersion, newest.internalVersion));
+            notice->show();
+        });
+        connect(notice, &QLabel::linkActivated, this, [this, notice](const QString& internalVersion) {
+            m_context.autoUpdate->skipVersion(internalVersion);
+            notice->hide();
+        });
         if (!m_context.autoUpdate->versions().isEmpty())
             showVersions();
+    }
+    if (m_context.usage) {
+        connect(m_context.usage, &AbstractUsageStatisticsSingleton::usageDataSendingFinished, this, [this](bool accepted, const QString& reason) {
+            refreshUsageState();
+            if (!accepted)
+                JERROR("usage data refused: " << reason);
+        });
     }
     refreshUsageState();
     refreshFirmware();
@@ -277,13 +301,9 @@ void MainWindow::automaticUpdateCheck()
 {
     if (!m_context.autoUpdate || !m_context.host)
         return;
-    const int days = m_context.host->updateCheckInterval();
-    const QDateTime last = QSettings().value(LastCheckKey).toDateTime();
-    if (days <= 0 || (last.isValid() && last.addDays(days) > xqDateTimeNow()))
-        return;
-    JDEBUG("automatic update check (every " << days << " days)");
-    m_automaticCheck = true;
-    checkForUpdates();
+    // The library keeps the time of the last check and asks again whenever it is due.
+    JDEBUG("automatic update checks every " << m_context.host->updateCheckInterval() << " days");
+    m_context.autoUpdate->startAutomaticChecks();
 }
 
 void MainWindow::showVersions()
@@ -510,17 +530,7 @@ void MainWindow::sendUsageData()
     }
     m_context.usage->startSendingUsageData(m_context.services->updateServerOptions());
     m_usageStateLabel->setText(tr("Sending the finished usage logs …"));
-    // The answer has no signal of its own; the date it stores tells that it arrived.
-    auto* poll = new QTimer(this);
-    auto tries = std::make_shared<int>(0);
-    connect(poll, &QTimer::timeout, this, [this, poll, tries] {
-        const QString text = QSettings().value(QStringLiteral("UsageStatistics/UsageDataWasSentOn")).toString();
-        if (QDate::fromString(text, Qt::TextDate) == QDate::currentDate() || ++*tries > 50) {
-            poll->deleteLater();
-            refreshUsageState();
-        }
-    });
-    poll->start(200);
+    // usageDataSendingFinished() refreshes the state when the reply has been handled.
 }
 
 QWidget* MainWindow::createUsagePane()

@@ -528,6 +528,10 @@ void AbstractUsageStatisticsSingleton::handleReplyFromServer(const veltrax::Sett
     d->replyHandled.store(true);
     if (d->replyWait)
         d->replyWait->quit();
+
+    const veltrax::Variant message = settingsFile.subTree(updateserver::ERROR_SECTION).setting(updateserver::ERROR_MESSAGE_SETTING);
+    const bool accepted = !settingsFile.hasSubTree(updateserver::ERROR_SECTION, false);
+    Q_EMIT usageDataSendingFinished(accepted, accepted || message.empty() ? QString() : QString::fromStdString(message.toStdString()));
 }
 
 void AbstractUsageStatisticsSingleton::terminateServerConnection(int timeout)

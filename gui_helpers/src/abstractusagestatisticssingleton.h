@@ -97,12 +97,18 @@ public:
 
     /**
      * Journals "logUseEvent<QString> <event>" at JLL_WRITE and appends an event line to the
-     * log. With @p once set an event already logged since the log was created is skipped.
+     * log. With @p once set the event is skipped when it was logged with @p once before since
+     * the last createLogFile() call, even if there was no log to write it to then; the same
+     * text logged without @p once neither counts nor is skipped.
      * The closing event ends the log: the file is closed and becomes one of the finished logs
      * that removeLogFiles() deletes and sending hands over. A failed write deletes the log.
-     * Only the QString form exists.
+     * Only the QString form of the template exists; the overloads below take text literals.
      */
     template <typename T> void logUseEvent(T event, bool once = false);
+    /** logUseEvent() with UTF-8 text, e.g. a string literal. */
+    inline void logUseEvent(const char* event, bool once = false);
+    /** logUseEvent() with Latin-1 text. */
+    inline void logUseEvent(QLatin1String event, bool once = false);
 
     /** Closes the log of this run and deletes it from disk. A log that is not open is left alone. */
     void closeAndRemoveCurrentLog();
@@ -202,6 +208,15 @@ public Q_SLOTS:
      */
     void handleReplyFromServer(const veltrax::SettingsFile& settingsFile);
 
+Q_SIGNALS:
+    /**
+     * A sending's reply has been handled: @p accepted as handleReplyFromServer() decided,
+     * and otherwise @p reason holds the server's refusal or the connection's failure text
+     * (empty when accepted). Calls that send nothing (no consent, already sent today, no
+     * log yet) emit nothing.
+     */
+    void usageDataSendingFinished(bool accepted, const QString& reason);
+
 private:
     Q_DISABLE_COPY(AbstractUsageStatisticsSingleton)
 
@@ -211,3 +226,13 @@ private:
 };
 
 template <> GUI_HELPERS_EXPORT void AbstractUsageStatisticsSingleton::logUseEvent<QString>(QString event, bool once);
+
+void AbstractUsageStatisticsSingleton::logUseEvent(const char* event, bool once)
+{
+    logUseEvent<QString>(QString::fromUtf8(event), once);
+}
+
+void AbstractUsageStatisticsSingleton::logUseEvent(QLatin1String event, bool once)
+{
+    logUseEvent<QString>(QString(event), once);
+}

@@ -41,6 +41,10 @@ QString settingText(const veltrax::SettingsFile& tree, const std::string& label)
     return QString::fromStdString(tree.settingThrow(label).toStdString());
 }
 
+const qint64 kDayMs = 24 * 3600 * 1000LL;
+// The longest the check timer sleeps: the interval may change, and the clock may jump.
+const qint64 kLongestWaitMs = 3600 * 1000LL;
+
 // Qt turns HTTP error statuses into network errors of these two ranges; a reply that
 // carries one of them still got an answer from the server.
 bool isHttpStatusError(QNetworkReply::NetworkError error)
@@ -127,6 +131,10 @@ public:
     void abandonDownload(const QString& why);
 
     AutoUpdate* q = nullptr;
+    static AutoUpdatePrivate* get(const AutoUpdate& q) { return q.d.get(); }
+    QDateTime now() const { return clock ? clock() : QDateTime::currentDateTimeUtc(); }
+    void decideAutomaticCheck(AutoUpdate* q);
+    void automaticCheckAnswered(AutoUpdate* q);
 
     AutoUpdatable* const host;
     veltrax::NetManager netManager;
@@ -144,7 +152,94 @@ public:
     QString downloadFolder;
     int downloadRetries = 0;
     std::unique_ptr<InstallerDownload> download;
+    // Automatic checks.
+    QTimer checkTimer;
+    QDateTime (*clock)() = nullptr;
+    bool automaticChecks = false;
+    bool automaticCheckRunning = false;
+    // Attempts count, failed ones too: an unreachable server is not asked again within the interval.
+    QDateTime lastAttempt;
+    bool lastListAccepted = false;
 };
+
+void autoupdate_p::setClock(AutoUpdate& autoUpdate, QDateTime (*clock)())
+{
+    AutoUpdatePrivate::get(autoUpdate)->clock = clock;
+}
+
+void autoupdate_p::decideAutomaticCheck(AutoUpdate& autoUpdate)
+{
+    AutoUpdatePrivate::get(autoUpdate)->decideAutomaticCheck(&autoUpdate);
+}
+
+int autoupdate_p::msecsToNextDecision(const AutoUpdate& autoUpdate)
+{
+    const QTimer& timer = AutoUpdatePrivate::get(autoUpdate)->checkTimer;
+    return timer.isActive() ? timer.interval() : -1;
+}
+
+void AutoUpdatePrivate::decideAutomaticCheck(AutoUpdate* q)
+{
+    checkTimer.stop();
+    if (!automaticChecks)
+        return;
+
+    const QDateTime current = now();
+    const qint64 interval = qint64(qMax(0, host->updateCheckInterval())) * kDayMs;
+    qint64 wait = kLongestWaitMs;
+    if (interval > 0 && !automaticCheckRunning) {
+        QSettings settings;
+        settings.beginGroup(autoupdate_p::updateCheckGroup());
+        const QDateTime lastCheck = QDateTime::fromString(settings.value(autoupdate_p::lastCheckKey()).toString(), Qt::ISODate);
+        settings.endGroup();
+        // A moment in the future comes from a clock that was wrong then or is wrong now:
+        // trusting it could postpone checks for years, so it counts as long ago.
+        auto leftAfter = [&](const QDateTime& moment) {
+            return moment.isValid() && moment <= current ? interval - moment.msecsTo(current) : qint64(0);
+        };
+        const qint64 left = qMax(leftAfter(lastCheck), leftAfter(lastAttempt));
+        if (left <= 0) {
+            lastAttempt = current;
+            automaticCheckRunning = true;
+            auto* request = new ServerListRequest(*comm, host->productName(), QString(), q);
+            QObject::connect(request, &ServerRequest::reply, q, &AutoUpdate::handleListReply);
+            // Connected second, so it runs after the list was taken over.
+            QObject::connect(request, &ServerRequest::reply, q, [this, q] {
+                automaticCheckAnswered(q);
+            });
+            request->start(QThread::InheritPriority);
+            wait = qMin(interval, kLongestWaitMs);
+        } else {
+            wait = qMin(left, kLongestWaitMs);
+        }
+    }
+    checkTimer.start(int(wait));
+}
+
+void AutoUpdatePrivate::automaticCheckAnswered(AutoUpdate* q)
+{
+    automaticCheckRunning = false;
+    if (!lastListAccepted)
+        return;
+    QSettings settings;
+    settings.beginGroup(autoupdate_p::updateCheckGroup());
+    settings.setValue(autoupdate_p::lastCheckKey(), now().toUTC().toString(Qt::ISODate));
+    const QString skipped = settings.value(autoupdate_p::skippedVersionKey()).toString();
+    settings.endGroup();
+
+    if (!q->isNewVersionAvailable())
+        return;
+    const AutoUpdate::Version newest = q->newestVersion();
+    if (newest.internalVersion.isEmpty())
+        return;
+    if (!skipped.isEmpty()) {
+        const VxVersion skippedVersion = AutoUpdate::fromInternalVersion(skipped);
+        const bool readable = compareVersions(skippedVersion, VxVersion()) != 0;
+        if (newest.internalVersion == skipped || (readable && compareVersions(AutoUpdate::fromInternalVersion(newest.internalVersion), skippedVersion) <= 0))
+            return;
+    }
+    Q_EMIT q->newVersionAvailable(newest);
+}
 
 AutoUpdatable::~AutoUpdatable() = default;
 
@@ -407,6 +502,10 @@ AutoUpdate::AutoUpdate(AutoUpdatable* host, QObject* parent)
     d->comm = new UpdateServerComm(this, host->updateServerOptions());
     d->journaller = d->host->journaller();
     connect(d->netManager.qman(), &QNetworkAccessManager::finished, this, &AutoUpdate::replyFinished);
+    d->checkTimer.setSingleShot(true);
+    connect(&d->checkTimer, &QTimer::timeout, this, [this] {
+        d->decideAutomaticCheck(this);
+    });
 }
 
 AutoUpdate::~AutoUpdate()
@@ -457,7 +556,13 @@ void AutoUpdate::refresh()
 void AutoUpdate::handleListReply(const veltrax::SettingsFile& settings)
 {
     d->versions.clear();
+    d->lastListAccepted = false;
     if (settings.empty() || !settings.subTree(updateserver::ERROR_SECTION).empty()) {
+        const veltrax::Variant message = settings.subTree(updateserver::ERROR_SECTION).setting(updateserver::ERROR_MESSAGE_SETTING);
+        QString reason = QStringLiteral("empty reply");
+        if (!message.empty())
+            reason = QString::fromStdString(message.toStdString());
+        Q_EMIT versionCheckFailed(reason);
         Q_EMIT failedToGetVersions();
         return;
     }
@@ -520,8 +625,10 @@ void AutoUpdate::handleListReply(const veltrax::SettingsFile& settings)
     // An empty product subtree is a valid answer: the product simply has no releases yet.
     if (!d->versions.isEmpty() || listed == 0) {
         std::sort(d->versions.begin(), d->versions.end());
+        d->lastListAccepted = true;
         Q_EMIT versionsUpdated();
     } else {
+        Q_EMIT versionCheckFailed(QStringLiteral("no readable release"));
         Q_EMIT failedToGetVersions();
     }
 }
@@ -548,6 +655,45 @@ bool AutoUpdate::isNewVersionAvailable() const
     settings.endGroup();
 
     return newerStable || (acceptBeta && newerBeta);
+}
+
+AutoUpdate::Version AutoUpdate::newestVersion() const
+{
+    QSettings settings;
+    settings.beginGroup(autoupdate_p::updateCheckGroup());
+    const bool acceptBeta = settings.value(autoupdate_p::acceptBetaKey(), false).toBool();
+    settings.endGroup();
+
+    Version newest;
+    for (const Version& version : d->versions) {
+        if (version.beta && !acceptBeta)
+            continue;
+        if (newest.internalVersion.isEmpty() || displayLessThan(newest, version))
+            newest = version;
+    }
+    return newest;
+}
+
+void AutoUpdate::startAutomaticChecks()
+{
+    d->automaticChecks = true;
+    d->decideAutomaticCheck(this);
+}
+
+void AutoUpdate::stopAutomaticChecks()
+{
+    d->automaticChecks = false;
+    d->checkTimer.stop();
+}
+
+void AutoUpdate::skipVersion(const QString& internalVersion)
+{
+    QSettings settings;
+    settings.beginGroup(autoupdate_p::updateCheckGroup());
+    if (internalVersion.isEmpty())
+        settings.remove(autoupdate_p::skippedVersionKey());
+    else
+        settings.setValue(autoupdate_p::skippedVersionKey(), internalVersion);
 }
 
 void AutoUpdate::requestFirmwareVersion(const VxDeviceId& id)

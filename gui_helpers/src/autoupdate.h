@@ -35,6 +35,12 @@ class AutoUpdatePrivate;
  * reads it. updateToVersion() downloads a release's installer into a folder that the user
  * picks. Lives on the GUI thread.
  *
+ * Automatic checks: startAutomaticChecks() runs refresh() whenever the host's
+ * updateCheckInterval() says a check is due, and reports a newer release once with
+ * newVersionAvailable(), unless the user skipped it with skipVersion(). The last successful
+ * automatic check is remembered in the application settings ("UpdateCheck/LastCheck", an
+ * ISO 8601 UTC date-time), so that a restart does not check again before it is due.
+ *
  * Release lists: the reply tree holds a subtree named after productName() with one subtree
  * per release (its internal label) holding "date" (seconds), "url", "beta" and optionally
  * "releasetype", "infolabel", "infourl", "size", "sha256" and "signatureurl". A malformed
@@ -117,6 +123,32 @@ public:
     /** Makes waiting server requests give up, then waits 120 ms for their threads. */
     void terminate();
 
+    /**
+     * The newest release by display order among those the user is offered: stable ones, and
+     * beta ones too while "UpdateCheck/AcceptBeta" is true. An empty record when there is
+     * none. Whether it is newer than the running version is not considered.
+     */
+    Version newestVersion() const;
+
+    /**
+     * Starts checking by itself: at once when the last successful automatic check is older
+     * than updateCheckInterval() days (or there was none), then whenever that becomes true
+     * while the application runs. The interval is read anew at every decision, so a changed
+     * interval counts once the host returns it; 0 checks nothing. At most one check runs at a
+     * time, and no attempt, failed ones included, follows the previous one within the
+     * interval: a wrong clock or a machine waking from sleep causes one check, not a burst.
+     * A stored last check that lies in the future counts as due.
+     */
+    void startAutomaticChecks();
+    /** Stops the automatic checks; a check already sent still reports its outcome. */
+    void stopAutomaticChecks();
+    /**
+     * Stores @p internalVersion as "UpdateCheck/SkippedVersion": automatic checks no longer
+     * report that release or older ones, but a newer one. An empty text forgets the skip.
+     * refresh() and the update window are not affected.
+     */
+    void skipVersion(const QString& internalVersion);
+
     /** "v<major>_<minor>_<revision>"; build and extra text are dropped. */
     static QString toInternalVersion(const VxVersion& version);
     /** Reads "v<major>_<minor>_<revision>" (the whole label); anything else gives 0.0.0. */
@@ -179,6 +211,17 @@ Q_SIGNALS:
      * user. Exactly one of installerSaved() and this comes for every started download.
      */
     void downloadFailed(const QString& reason);
+    /**
+     * After an automatic check that found isNewVersionAvailable() true: @p newest is
+     * newestVersion(). Not emitted when that release was skipped (see skipVersion()).
+     */
+    void newVersionAvailable(const AutoUpdate::Version& newest);
+    /**
+     * Emitted right before failedToGetVersions(): the message of the connection's error
+     * reply (a refused connection, a certificate error, the server's ERROR text), "empty
+     * reply", or "no readable release" when every listed release was malformed.
+     */
+    void versionCheckFailed(const QString& reason);
 
 private Q_SLOTS:
     void handleListReply(const veltrax::SettingsFile& settings);
@@ -188,5 +231,8 @@ private Q_SLOTS:
     void updateDownloadProgress(qint64 received, qint64 total);
 
 private:
+    friend class AutoUpdatePrivate;
     std::unique_ptr<AutoUpdatePrivate> const d;
 };
+
+Q_DECLARE_METATYPE(AutoUpdate::Version)

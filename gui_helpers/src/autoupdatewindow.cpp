@@ -82,6 +82,13 @@ AutoUpdateWindow::AutoUpdateWindow(AutoUpdatable* host, AutoUpdate* autoUpdate, 
         d->ui->updateIntervalSpinBox->setEnabled(true);
         d->ui->intervalCheckBox->setChecked(true);
     }
+    // With large fonts the interval text and its spin box do not fit side by side in the
+    // dialog's width; the spin box then goes below the text rather than cutting it.
+    const int margins = layout()->contentsMargins().left() + layout()->contentsMargins().right();
+    if (d->ui->intervalCheckBox->sizeHint().width() + d->ui->intervalLayout->spacing() + d->ui->updateIntervalSpinBox->sizeHint().width() + margins > minimumWidth()) {
+        d->ui->intervalLayout->setDirection(QBoxLayout::TopToBottom);
+        d->ui->intervalLayout->setAlignment(d->ui->updateIntervalSpinBox, Qt::AlignLeft);
+    }
     connect(d->ui->intervalCheckBox, &QCheckBox::clicked, this, &AutoUpdateWindow::intervalChanged);
     connect(d->ui->updateIntervalSpinBox, QOverload<int>::of(&QSpinBox::valueChanged), this, &AutoUpdateWindow::intervalChanged);
 

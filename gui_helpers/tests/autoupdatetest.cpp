@@ -4,7 +4,9 @@
 // lists and their failures, firmware look-ups, and the rule that decides whether a newer
 // release is worth reporting.
 #include "autoupdate.h"
+#include "autoupdate_p.h"
 #include "autoupdatetesthost.h"
+#include "serverrequest.h"
 #include "updateserverprocess.h"
 
 #include <QSignalSpy>
@@ -47,6 +49,11 @@ veltrax::SettingsFile makeCatalogue()
     catalogue.erase("Broken.Broken.v1_3_0.beta");
     catalogue.setSetting("AllBroken.AllBroken.v1_0_0.url", veltrax::Variant("https://example.invalid/c"));
 
+    // For automatic checks (the host runs 1.2.0): a newer stable and beta release, and a
+    // product with a release newer still.
+    releases("Auto", ::releases({"v1_1_0", "v1_3_0", "v1_4_0 beta"}));
+    releases("AutoNewer", ::releases({"v1_3_0", "v1_10_0", "v1_9_0"}));
+
     // A product without releases: its subtree holds a note and nothing else.
     catalogue.setSetting("NoReleases.NoReleases.note", veltrax::Variant("nothing released yet"));
 
@@ -58,6 +65,15 @@ veltrax::SettingsFile makeCatalogue()
     catalogue.setSetting("M-0012000300000000.firmware.03300000.versions", veltrax::Variant(VxStringArray {"v3_0_0"}));
     return catalogue;
 }
+// What the automatic checks take for the current moment.
+QDateTime gNow;
+QDateTime testClock()
+{
+    return gNow;
+}
+const QDateTime kStart(QDate(2026, 1, 10), QTime(12, 0), Qt::UTC);
+const qint64 kDay = 24 * 3600 * 1000LL;
+const QString kLastCheck = QStringLiteral("UpdateCheck/LastCheck");
 } // namespace
 
 class AutoUpdateTest : public QObject
@@ -197,6 +213,148 @@ private Q_SLOTS:
             autoUpdate->requestFirmwareVersion(kModernDevice);
             QTest::qWait(i * 5);
         }
+    }
+
+    // One decision at start: whether it checks, what it reports (newestVersion(): stable
+    // unless betas are accepted, in number order) and what it remembers.
+    void automaticCheckAtStart_data()
+    {
+        QTest::addColumn<int>("interval");
+        QTest::addColumn<qint64>("lastCheckAge"); // ms before now; -1: never checked
+        QTest::addColumn<QString>("skipped");
+        QTest::addColumn<QString>("product");
+        QTest::addColumn<bool>("acceptBeta");
+        QTest::addColumn<bool>("checks");
+        QTest::addColumn<QString>("reported"); // empty: no newVersionAvailable
+
+        QTest::newRow("never checked") << 7 << qint64(-1) << QString() << "Auto" << false << true << "v1_3_0";
+        QTest::newRow("due") << 7 << 7 * kDay << QString() << "Auto" << false << true << "v1_3_0";
+        QTest::newRow("not due") << 7 << 7 * kDay - 1000 << QString() << "Auto" << false << false << QString();
+        QTest::newRow("interval 0") << 0 << qint64(-1) << QString() << "Auto" << false << false << QString();
+        QTest::newRow("last check in the future") << 7 << -kDay << QString() << "Auto" << false << true << "v1_3_0";
+        QTest::newRow("skipped") << 7 << qint64(-1) << "v1_3_0" << "Auto" << false << true << QString();
+        QTest::newRow("skipped an older one") << 7 << qint64(-1) << "v1_2_5" << "Auto" << false << true << "v1_3_0";
+        QTest::newRow("newer than the skipped") << 7 << qint64(-1) << "v1_3_0" << "AutoNewer" << false << true << "v1_10_0";
+        QTest::newRow("betas accepted") << 7 << qint64(-1) << QString() << "Auto" << true << true << "v1_4_0";
+        QTest::newRow("nothing newer") << 7 << qint64(-1) << QString() << "Broken" << false << true << QString();
+        QTest::newRow("failed check") << 7 << qint64(-1) << QString() << "NoSuchProduct" << false << true << QString();
+    }
+    void automaticCheckAtStart()
+    {
+        QFETCH(int, interval);
+        QFETCH(qint64, lastCheckAge);
+        QFETCH(QString, skipped);
+        QFETCH(QString, product);
+        QFETCH(bool, acceptBeta);
+        QFETCH(bool, checks);
+        QFETCH(QString, reported);
+
+        m_host.interval = interval;
+        m_host.product = product;
+        gNow = kStart;
+        const QString before = lastCheckAge == -1 ? QString() : kStart.addMSecs(-lastCheckAge).toString(Qt::ISODate);
+        if (!before.isEmpty())
+            QSettings().setValue(kLastCheck, before);
+        QSettings().setValue(QStringLiteral("UpdateCheck/AcceptBeta"), acceptBeta);
+        AutoUpdate autoUpdate(&m_host);
+        autoupdate_p::setClock(autoUpdate, testClock);
+        if (!skipped.isEmpty())
+            autoUpdate.skipVersion(skipped);
+        QSignalSpy found(&autoUpdate, &AutoUpdate::newVersionAvailable);
+        QSignalSpy outcomes(&autoUpdate, &AutoUpdate::versionsUpdated);
+        QSignalSpy failures(&autoUpdate, &AutoUpdate::failedToGetVersions);
+
+        autoUpdate.startAutomaticChecks();
+        QCOMPARE(autoUpdate.findChildren<ServerRequest*>().size(), checks ? 1 : 0);
+        // The timer never sleeps past an hour, so a changed interval or clock is seen soon.
+        QVERIFY(autoupdate_p::msecsToNextDecision(autoUpdate) > 0);
+        QVERIFY(autoupdate_p::msecsToNextDecision(autoUpdate) <= 3600 * 1000);
+        if (checks)
+            QTRY_COMPARE_WITH_TIMEOUT(outcomes.size() + failures.size(), 1, 5000);
+
+        QCOMPARE(found.size(), reported.isEmpty() ? 0 : 1);
+        if (!reported.isEmpty())
+            QCOMPARE(found.at(0).at(0).value<AutoUpdate::Version>().internalVersion, reported);
+        const bool remembered = checks && failures.isEmpty();
+        QCOMPARE(QSettings().value(kLastCheck).toString(), remembered ? QStringLiteral("2026-01-10T12:00:00Z") : before);
+    }
+
+    // While running: a check becomes due, the interval changes, attempts never come closer
+    // than the interval (failed ones included) and never pile up.
+    void automaticChecksWhileRunning()
+    {
+        m_host.product = QStringLiteral("Auto");
+        gNow = kStart;
+        QSettings().setValue(kLastCheck, kStart.addMSecs(-6 * kDay).toString(Qt::ISODate));
+        AutoUpdate autoUpdate(&m_host);
+        autoupdate_p::setClock(autoUpdate, testClock);
+        QSignalSpy outcomes(&autoUpdate, &AutoUpdate::versionsUpdated);
+        QSignalSpy failures(&autoUpdate, &AutoUpdate::failedToGetVersions);
+        auto requests = [&autoUpdate] {
+            return autoUpdate.findChildren<ServerRequest*>().size();
+        };
+
+        autoUpdate.startAutomaticChecks();
+        QCOMPARE(requests(), 0);
+        gNow = kStart.addMSecs(kDay - 1);
+        autoupdate_p::decideAutomaticCheck(autoUpdate);
+        QCOMPARE(requests(), 0);
+        gNow = kStart.addMSecs(kDay);
+        autoupdate_p::decideAutomaticCheck(autoUpdate);
+        autoupdate_p::decideAutomaticCheck(autoUpdate); // a burst of timer events: one check
+        QCOMPARE(requests(), 1);
+        QTRY_COMPARE_WITH_TIMEOUT(outcomes.size(), 1, 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(requests(), 0, 5000);
+
+        // A shorter interval counts at the next decision; a failing server is not asked again
+        // within it.
+        m_host.interval = 1;
+        m_host.product = QStringLiteral("NoSuchProduct");
+        gNow = gNow.addMSecs(kDay);
+        autoupdate_p::decideAutomaticCheck(autoUpdate);
+        QTRY_COMPARE_WITH_TIMEOUT(failures.size(), 1, 5000);
+        QTRY_COMPARE_WITH_TIMEOUT(requests(), 0, 5000);
+        gNow = gNow.addMSecs(kDay - 1);
+        autoupdate_p::decideAutomaticCheck(autoUpdate);
+        QCOMPARE(requests(), 0);
+
+        autoUpdate.stopAutomaticChecks();
+        QCOMPARE(autoupdate_p::msecsToNextDecision(autoUpdate), -1);
+        gNow = gNow.addMSecs(30 * kDay);
+        autoupdate_p::decideAutomaticCheck(autoUpdate);
+        QCOMPARE(requests(), 0);
+        QCOMPARE(outcomes.size() + failures.size(), 2);
+    }
+
+    // Every failure names its reason.
+    void failureReasons_data()
+    {
+        QTest::addColumn<QString>("product"); // empty: an empty reply tree is delivered
+        QTest::addColumn<bool>("reachable");
+        QTest::addColumn<QString>("reason");
+
+        QTest::newRow("server refuses the product") << "NoSuchProduct" << true << "NoSuchProduct";
+        QTest::newRow("nothing listens") << kProduct << false << "Could not connect to update server";
+        QTest::newRow("every release malformed") << "AllBroken" << true << "no readable release";
+        QTest::newRow("empty reply") << QString() << true << "empty reply";
+    }
+    void failureReasons()
+    {
+        QFETCH(QString, product);
+        QFETCH(bool, reachable);
+        QFETCH(QString, reason);
+
+        m_host.product = product;
+        if (!reachable)
+            m_host.options = {QStringLiteral("127.0.0.1"), closedLoopbackPort()};
+        AutoUpdate autoUpdate(&m_host);
+        QSignalSpy reasons(&autoUpdate, &AutoUpdate::versionCheckFailed);
+        if (product.isEmpty())
+            QVERIFY(deliverListReply(&autoUpdate, veltrax::SettingsFile()));
+        else
+            QVERIFY(!refreshSucceeds(autoUpdate));
+        QCOMPARE(reasons.size(), 1);
+        QVERIFY2(reasons.at(0).at(0).toString().contains(reason), qPrintable(reasons.at(0).at(0).toString()));
     }
 
 private:

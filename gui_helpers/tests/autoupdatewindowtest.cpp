@@ -10,6 +10,7 @@
 #include <QHeaderView>
 #include <QLabel>
 #include <QPushButton>
+#include <QScrollBar>
 #include <QSignalSpy>
 #include <QSpinBox>
 #include <QTableWidget>
@@ -151,6 +152,66 @@ private Q_SLOTS:
         QVERIFY(!retrieving->isVisibleTo(&window));
         QVERIFY(!child<QTableWidget>(window, "versionTableWidget")->isVisibleTo(&window));
         QVERIFY(!child<QPushButton>(window, "updatePushButton")->isEnabled());
+    }
+    // Every text is whole at the dialog's size, at the usual and at twice the font size: the
+    // rendered window's labels and buttons are as wide as their texts need (wrapping labels
+    // as high), and the list needs no horizontal scroll bar.
+    void textsAreWholeAtTheDefaultSize_data()
+    {
+        QTest::addColumn<bool>("failed");
+        QTest::addColumn<qreal>("fontScale");
+        QTest::addColumn<bool>("longNotes"); // the licence remark on every row
+        QTest::newRow("list") << false << 1.0 << false;
+        QTest::newRow("list, licence remarks") << false << 1.0 << true;
+        QTest::newRow("list, large font") << false << 2.0 << true;
+        QTest::newRow("failure") << true << 1.0 << false;
+        QTest::newRow("failure, large font") << true << 2.0 << false;
+    }
+    void textsAreWholeAtTheDefaultSize()
+    {
+        QFETCH(bool, failed);
+        QFETCH(qreal, fontScale);
+        QFETCH(bool, longNotes);
+        const QFont usual = QApplication::font();
+        QFont font = usual;
+        font.setPointSizeF(usual.pointSizeF() * fontScale);
+        QApplication::setFont(font);
+        auto restore = qScopeGuard([&usual] {
+            QApplication::setFont(usual);
+        });
+
+        if (longNotes)
+            m_host.licenseLimit = qint64(1500000000) * 1000;
+        QList<TestRelease> list = releases({"v1_1_0", "v2021_10_0"});
+        list[1].infoLabel = QStringLiteral("Release notes");
+        list[1].infoUrl = QStringLiteral("https://example.invalid/notes");
+        AutoUpdate controller(&m_host);
+        QVERIFY(deliverListReply(&controller, listReply(m_host.product, list)));
+        AutoUpdateWindow window(&m_host, &controller);
+        if (failed)
+            window.reportUpdateFailure();
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        QCOMPARE(window.size(), QSize(640, 400));
+        QCoreApplication::sendPostedEvents(); // pending layout requests
+        QVERIFY(!window.grab().isNull());
+
+        QStringList cut;
+        for (QWidget* widget : window.findChildren<QWidget*>()) {
+            if (!widget->isVisible())
+                continue;
+            const auto* label = qobject_cast<QLabel*>(widget);
+            const bool whole = label && label->wordWrap() ? label->heightForWidth(label->width()) <= label->height()
+                : label || qobject_cast<QAbstractButton*>(widget) ? widget->sizeHint().width() <= widget->width()
+                                                                  : true;
+            if (!whole)
+                cut.append(widget->objectName());
+        }
+        QCOMPARE(cut.join(QLatin1Char(',')), QString());
+        // Each column is as wide as its contents (see emptyListShowsEmptyTableWithDownloadDisabled),
+        // so only the usual font and notes are sure to fit.
+        if (fontScale == 1.0 && !m_host.licenseLimit)
+            QVERIFY(!child<QTableWidget>(window, "versionTableWidget")->horizontalScrollBar()->isVisible());
     }
     void intervalControlsFollowHostAndReportChanges_data()
     {

@@ -13,6 +13,7 @@
 #include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QSignalSpy>
 #include <QFileInfo>
 #include <QMap>
 #include <QPointer>
@@ -194,8 +195,10 @@ private Q_SLOTS:
         QCOMPARE(fileNames(usage.pendingLogFiles()), QStringList(scene.earlier.keys()));
         const veltrax::SettingsFile preview = usage.pendingUsageData();
 
+        QSignalSpy finished(&usage, &AbstractUsageStatisticsSingleton::usageDataSendingFinished);
         usage.startSendingUsageData(options);
         QTRY_COMPARE_WITH_TIMEOUT(usageValue(kSentOn), day(0), 20000);
+        QCOMPARE(finished, (QList<QVariantList> {{true, QString()}}));
 
         // The finished logs arrived byte for byte and are gone here; the rest stayed.
         QCOMPARE(filesIn(server->inboxPath()), scene.earlier);
@@ -245,22 +248,25 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("serverArguments");
         QTest::addColumn<int>("terminateMs"); // -1: the instance is destroyed instead
         QTest::addColumn<bool>("silent");
-        QTest::newRow("server answers ERROR") << QStringList {"--answer-error", "Inbox full"} << 20000 << false;
-        QTest::newRow("silent server, terminate gives up") << QStringList {"--never-answer"} << 300 << true;
+        QTest::addColumn<QString>("reason"); // of the refusal reported; empty: none is waited for
+        QTest::newRow("server answers ERROR") << QStringList {"--answer-error", "Inbox full"} << 20000 << false << "Inbox full";
+        QTest::newRow("silent server, terminate gives up") << QStringList {"--never-answer"} << 300 << true << QString();
         // Destruction does not wait for an outstanding sending.
-        QTest::newRow("silent server, instance destroyed") << QStringList {"--never-answer"} << -1 << true;
+        QTest::newRow("silent server, instance destroyed") << QStringList {"--never-answer"} << -1 << true << QString();
     }
     void failedSendingKeepsLogsAndDate()
     {
         QFETCH(QStringList, serverArguments);
         QFETCH(int, terminateMs);
         QFETCH(bool, silent);
+        QFETCH(QString, reason);
         auto server = startServer(serverArguments);
         QVERIFY(server);
         setUsageValue(kSentOn, day(-1));
         auto* usage = new TestUsage;
         AbstractUsageStatisticsSingleton::gAbstractUsageStatisticsSingleton = usage;
         const Scene scene(*usage);
+        QSignalSpy finished(usage, &AbstractUsageStatisticsSingleton::usageDataSendingFinished);
 
         usage->startSendingUsageData(server->options());
         QTRY_COMPARE_WITH_TIMEOUT(usageRequestsSeen(server->process()), 1, 10000);
@@ -273,6 +279,11 @@ private Q_SLOTS:
                 QVERIFY(elapsed.elapsed() >= terminateMs);
             QTest::qWait(100); // an abandoned request ends with an error meanwhile
         }
+        // Whatever was reported is a refusal with a reason.
+        for (const QVariantList& report : qAsConst(finished))
+            QVERIFY(!report.at(0).toBool() && !report.at(1).toString().isEmpty());
+        if (!reason.isEmpty())
+            QVERIFY(finished.size() == 1 && finished.at(0).at(1).toString().contains(reason));
         AbstractUsageStatisticsSingleton::cleanup();
         QCOMPARE(AbstractUsageStatisticsSingleton::instance(), nullptr);
 

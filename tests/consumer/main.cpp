@@ -5,6 +5,18 @@
 #include <QApplication>
 #include <cstdio>
 
+namespace
+{
+class HostUsage : public AbstractUsageStatisticsSingleton
+{
+public:
+    QString logFilePrefix() override { return QStringLiteral("consumer_"); }
+    QString openingEvent() override { return QStringLiteral("started"); }
+    QString closingEvent() override { return QStringLiteral("ended"); }
+    QString extraHeaderText() override { return QString(); }
+};
+} // namespace
+
 int main(int argc, char** argv)
 {
     QApplication app(argc, argv);
@@ -29,6 +41,10 @@ int main(int argc, char** argv)
     if (comPortDisplayName(QStringLiteral("/dev/ttyS0")) != QStringLiteral("/dev/ttyS0"))
         return 7;
     (void)qEnumerateSerialPorts();
+    // Text literals compile and link: no log is open, so nothing is written.
+    HostUsage usage;
+    usage.logUseEvent("started");
+    usage.logUseEvent(QLatin1String("used"), true);
     std::printf("consumer OK\n");
     return 0;
 }
