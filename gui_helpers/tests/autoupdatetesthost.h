@@ -39,9 +39,10 @@ public:
 struct TestRelease {
     QString label;
     bool beta = false;
-    QString releaseType;
-    QString infoLabel;
-    QString infoUrl;
+    // Braces: rows may leave the rest out without a missing-initializer warning.
+    QString releaseType {};
+    QString infoLabel {};
+    QString infoUrl {};
     int64_t dateSeconds = 1600000000;
     QString url = QStringLiteral("http://127.0.0.1:1/setup.bin");
 };

@@ -13,16 +13,17 @@
 #include <QTimer>
 
 /** One canned answer of the HTTP responder. */
+// Every member has an initializer, so rows may leave the rest out without a warning.
 struct Route {
     int status = 200;
     QByteArray reason = "OK";
-    QByteArray body;
-    QByteArray extraHeaders;
+    QByteArray body {};
+    QByteArray extraHeaders {};
     // When set, the body goes out in pieces of these sizes, 300 ms apart, and the
     // connection then stalls with the rest unsent.
-    QList<int> pieces;
+    QList<int> pieces {};
     // Answers "Range: bytes=N-" with 206 unless an If-Range differs from this ETag.
-    QByteArray etag;
+    QByteArray etag {};
     bool ranges = false;
     // The next `cuts` answers close the connection after `cutAfter` bytes of their body.
     int cuts = 0;

@@ -30,9 +30,11 @@ int replySize(const QByteArray& bytes)
 std::vector<veltrax::SettingsFile::Setting> settingsOf(const QByteArray& reply)
 {
     const int body = reply.indexOf(' ', reply.indexOf(' ') + 1) + 1;
+    if (body <= 0)
+        return {};
     veltrax::SettingsFile tree;
     try {
-        if (tree.deserialize(VxByteArray::view(reply.constData() + body, size_t(reply.size() - body)), 0) != size_t(reply.size() - body))
+        if (tree.deserialize(VxByteArray::view(reply.constData() + body, size_t(reply.size() - body)), 0) != reply.size() - body)
             return {};
     } catch (const std::exception&) {
         return {};

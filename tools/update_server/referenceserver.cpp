@@ -34,9 +34,9 @@ ReferenceServer::ReferenceServer(
     : QTcpServer(parent)
     , m_chain(chain)
     , m_key(key)
+    , m_configuration(QSslConfiguration::defaultConfiguration())
     , m_catalogue(catalogue)
     , m_behaviour(behaviour)
-    , m_configuration(QSslConfiguration::defaultConfiguration())
 {
     m_configuration.setLocalCertificateChain(chain);
     m_configuration.setPrivateKey(key);
