@@ -129,6 +129,11 @@ private:
  * Pages are found by their tab text. addComponent(), addLicencedComponent() and setEula() use
  * the first tab with the page kind's title that holds a page of that kind, and create one when
  * there is none.
+ *
+ * Kept on purpose: the built-in Qt row of "Licensed Components" names Qt 5.14.0, the
+ * release the licence notice was written for, whatever Qt the host runs on; a build date
+ * that does not parse leaves the date empty and the copyright "year" is then the single
+ * character whose code is the current year.
  */
 class GUI_HELPERS_EXPORT AboutBox : public QDialog
 {

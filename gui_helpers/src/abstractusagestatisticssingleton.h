@@ -40,6 +40,13 @@ class AbstractUsageStatisticsSingletonPrivate;
  * "UsageStatistics"; the anonymous ID is shared by all applications of the organisation
  * (settings application "GUID", key "SystemUniqueID"), and the header's language is the
  * organisation's "Locale"/"ChosenLocale" setting. All calls belong on the GUI thread.
+ *
+ * Kept on purpose, odd as they look: a user who never decided counts as consenting (the
+ * first allowLogFilesForUser() stores an empty value, so firstTimeRunningUsage() is false
+ * from then on); allowLogFilesForDev() always answers "default"; machines whose local domain
+ * contains "veltrax" get the ID "veltrax_<host name>" so the maker's own machines are
+ * recognisable; every log header reports build 6323, revision 112641 and 64 bit, whatever
+ * the build; closing a run's log appends "_closed" to the remembered path only.
  */
 class GUI_HELPERS_EXPORT AbstractUsageStatisticsSingleton : public QObject
 {
