@@ -79,6 +79,13 @@ LoadClient::LoadClient(const QString& host, quint16 port, QVector<Exchange> scri
     });
 }
 
+LoadClient::~LoadClient()
+{
+    // The socket, a member, says "disconnected" while it is destroyed, after the members
+    // declared behind it are gone: nothing of ours may hear it then.
+    m_socket.disconnect(this);
+}
+
 void LoadClient::connectToServer()
 {
     m_socket.connectToHostEncrypted(m_host, m_port);

@@ -28,6 +28,7 @@ public:
     };
 
     LoadClient(const QString& host, quint16 port, QVector<Exchange> script, QObject* parent = nullptr);
+    ~LoadClient() override;
 
     /** Starts the TLS connection; encrypted() tells when it is up. */
     void connectToServer();

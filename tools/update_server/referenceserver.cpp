@@ -45,6 +45,14 @@ ReferenceServer::ReferenceServer(
     m_configuration.setCaCertificates({});
 }
 
+ReferenceServer::~ReferenceServer()
+{
+    // Each connection (a child of its socket) tells the server when it closes: end them
+    // while the server is still whole, not from QObject's destructor, when only its QObject
+    // part is left.
+    qDeleteAll(findChildren<QSslSocket*>(QString(), Qt::FindDirectChildrenOnly));
+}
+
 void ReferenceServer::connectionClosed()
 {
     // After a burst of connections the allocator keeps their freed TLS buffers; hand them

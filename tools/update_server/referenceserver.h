@@ -52,6 +52,7 @@ public:
         const veltrax::SettingsFile& catalogue,
         const ServerBehaviour& behaviour,
         QObject* parent = nullptr);
+    ~ReferenceServer() override;
 
     const veltrax::SettingsFile& catalogue() const { return m_catalogue; }
     const ServerBehaviour& behaviour() const { return m_behaviour; }
